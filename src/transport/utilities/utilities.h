@@ -6,7 +6,9 @@
 #include "records/error.h"
 #include "records/values.h"
 
+#include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -29,6 +31,17 @@ std::string hexString(const unsigned char* bytes, std::size_t length);
 // passes through unchanged.
 class VTCompressor {
 public:
+    // The zlib stream of `data` when it is shorter than `data`, otherwise `data` itself. nullopt
+    // with a VTZlibErrorDomain error ("Error compressing data: %d") when zlib fails, or when the
+    // input is larger than 4 GiB - 1 (code Z_BUF_ERROR, with a recovery suggestion saying so).
     static std::optional<VTData> compressedData(const VTData& data, VTError* error);
+    static std::optional<VTData> compressedData(std::span<const std::uint8_t> data, VTError* error);
+
+    // The inflated bytes of a zlib stream; a truncated stream gives the bytes decoded so far.
+    // Data that is not a zlib stream (or needs a preset dictionary) comes back unchanged with no
+    // error. nullopt with a VTZlibErrorDomain error ("Error decompressing data: %d") when zlib runs
+    // out of memory or fails to start or end, or when the input is larger than 4 GiB - 1.
     static std::optional<VTData> decompressedData(const VTData& data, VTError* error);
+    static std::optional<VTData> decompressedData(std::span<const std::uint8_t> data,
+                                                  VTError* error);
 };
