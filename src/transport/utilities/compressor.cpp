@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <memory>
 #include <string>
 
 namespace {
@@ -13,6 +14,18 @@ constexpr std::size_t kBufferSize = 1024 * 1024;
 
 // zlib counts input in 32 bits.
 constexpr std::size_t kLargestInput = std::numeric_limits<uInt>::max();
+
+// The working buffer: it is only ever written by zlib before it is read, so it is not cleared.
+using Buffer = std::unique_ptr<Bytef[]>;
+
+Buffer newBuffer() {
+    return std::make_unique_for_overwrite<Bytef[]>(kBufferSize);
+}
+
+// Appends what the last step wrote into the buffer.
+void appendProduced(VTData& output, const Buffer& buffer, const z_stream& stream) {
+    output.insert(output.end(), buffer.get(), buffer.get() + (kBufferSize - stream.avail_out));
+}
 
 VTError zlibError(std::string_view prefix, int code) {
     return VTError(VTZlibErrorDomain, code, std::string(prefix) + std::to_string(code));
@@ -47,7 +60,7 @@ std::optional<VTData> VTCompressor::compressedData(std::span<const std::uint8_t>
     int code = deflateInit(&stream, Z_DEFAULT_COMPRESSION);
     VTData output;
     if (code == Z_OK) {
-        VTData buffer(kBufferSize);
+        const Buffer buffer = newBuffer();
         const Bytef* next = inputPointer(data);
         std::size_t remaining = data.size();
         // An empty input still gets one finishing step, so that the stream is complete.
@@ -58,11 +71,10 @@ std::optional<VTData> VTCompressor::compressedData(std::span<const std::uint8_t>
             stream.avail_in = static_cast<uInt>(slice);
             // A step that fills the whole buffer may have more to give.
             do {
-                stream.next_out = buffer.data();
-                stream.avail_out = static_cast<uInt>(buffer.size());
+                stream.next_out = buffer.get();
+                stream.avail_out = static_cast<uInt>(kBufferSize);
                 deflate(&stream, flush);
-                output.insert(output.end(), buffer.begin(),
-                              buffer.begin() + (buffer.size() - stream.avail_out));
+                appendProduced(output, buffer, stream);
             } while (stream.avail_out == 0);
             next += slice;
             remaining -= slice;
@@ -104,13 +116,13 @@ std::optional<VTData> VTCompressor::decompressedData(std::span<const std::uint8_
     stream.avail_in = static_cast<uInt>(data.size());
     int code = inflateInit(&stream);
     if (code >= Z_OK) {
-        VTData buffer(kBufferSize);
+        const Buffer buffer = newBuffer();
         VTData output;
         // The loop ends when a step leaves room in the buffer, not at the stream's end: a
         // truncated stream gives what was decoded so far.
         for (;;) {
-            stream.next_out = buffer.data();
-            stream.avail_out = static_cast<uInt>(buffer.size());
+            stream.next_out = buffer.get();
+            stream.avail_out = static_cast<uInt>(kBufferSize);
             const int step = inflate(&stream, Z_NO_FLUSH);
             if (step == Z_MEM_ERROR || step == Z_DATA_ERROR) {
                 inflateEnd(&stream);
@@ -122,8 +134,7 @@ std::optional<VTData> VTCompressor::decompressedData(std::span<const std::uint8_
                 code = Z_DATA_ERROR;
                 break;
             }
-            output.insert(output.end(), buffer.begin(),
-                          buffer.begin() + (buffer.size() - stream.avail_out));
+            appendProduced(output, buffer, stream);
             if (stream.avail_out != 0) {
                 code = inflateEnd(&stream);
                 if (code == Z_OK) {
