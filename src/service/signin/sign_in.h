@@ -10,7 +10,9 @@
 
 #include <boost/json/object.hpp>
 
+#include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -29,14 +31,29 @@ public:
     virtual bool isSignInApplicationRunning() = 0;
 };
 
+// Where the flow finds its files, and how long it waits. The defaults are the service's own.
+struct VTSignInOptions {
+    // The service's executable: its folder holds "veldtrack-hosts-service.entitlements" (the
+    // application group that names the message ports) and the sign-in application
+    // "VeldtrackSignIn" ($VELDTRACK_SIGNIN_APP names another).
+    std::filesystem::path executable = "/proc/self/exe";
+    // How long one wait for the sign-in application may last; a sign-in that waits longer is
+    // answered with nil and a VTGitErrorDomain -2 error, so that no request waits forever.
+    std::chrono::milliseconds waitLimit = std::chrono::minutes(10);
+};
+
 class VTSignInFlow {
 public:
     // result: nullopt = failed (error says why, and may be empty), empty object = ended without
     // credentials, else {"VTHostToken": token, "VTHostUserKey": user}.
     using Reply = std::function<void(std::optional<boost::json::object> result, VTError error)>;
 
-    VTSignInFlow(VTSignInEnvironment& environment, VTHostFactory factory);
-    ~VTSignInFlow();  // ends the sign-in queue; a waiting job is answered before it returns
+    VTSignInFlow(VTSignInEnvironment& environment, VTHostFactory factory,
+                 VTSignInOptions options = {});
+    // Ends the sign-in queue: a waiting job and the jobs not yet started are answered (nil and a
+    // VTGitErrorDomain -2 error) before it returns. The environment's runOnMainThread must not
+    // wait forever once the main loop has stopped.
+    ~VTSignInFlow();
     VTSignInFlow(const VTSignInFlow&) = delete;
     VTSignInFlow& operator=(const VTSignInFlow&) = delete;
 
@@ -44,10 +61,13 @@ public:
     // job and returns at once. `reply` is called exactly once, from the sign-in queue.
     void signIn(const VTUrl& url, std::int64_t type, const std::string& username, Reply reply);
 
-    // The text of a VTHostMessage signal (main thread).
+    // The text of a VTHostMessage signal (main thread). Unreadable JSON ends a waiting sign-in with
+    // the parser's error; {"VTMessageSelector": "showError:", "VTMessageArgument": {...}} with a
+    // VTGitErrorDomain -2 error whose user info is the argument; anything else is ignored.
     void handleNotificationMessage(std::string_view text);
-    // SIGTERM: tells the sign-in application to quit (main thread).
-    void quit();
+    // SIGTERM: tells the sign-in application to quit (main thread). False, with the reason in
+    // `error`, when the message could not be sent; the service goes on stopping all the same.
+    bool quit(VTError* error = nullptr);
 
 private:
     struct Impl;
