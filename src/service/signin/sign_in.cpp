@@ -319,18 +319,32 @@ void VTSignInFlow::Impl::runJob(const Job& job, ReplyOnce& reply) {
         return;
     }
 
-    auto finishUnwoken = [&](Handshake::Outcome outcome) {
-        switch (outcome) {
+    // Enters the wait, makes `request` (which reports its failure in `error`) and waits for the
+    // sign-in application's next event. False when the job has been answered instead.
+    auto requestAndWait = [&](const std::function<bool()>& request) {
+        if (!handshake.begin()) {
+            reply(std::nullopt, stoppedError());
+            return false;
+        }
+        if (!request()) {
+            handshake.abandon();
+            reply(std::nullopt, error);
+            return false;
+        }
+        switch (handshake.await(options.waitLimit)) {
+            case Handshake::Outcome::woken:
+                return true;
             case Handshake::Outcome::cancelled:
                 reply(boost::json::object(), error);
-                break;
+                return false;
             case Handshake::Outcome::stopped:
                 reply(std::nullopt, stoppedError());
-                break;
-            default:
-                reply(std::nullopt, timedOutError());
+                return false;
+            case Handshake::Outcome::timedOut:
                 break;
         }
+        reply(std::nullopt, timedOutError());
+        return false;
     };
 
     if (!environment.isSignInApplicationRunning()) {
@@ -339,43 +353,20 @@ void VTSignInFlow::Impl::runJob(const Job& job, ReplyOnce& reply) {
             std::lock_guard lock(sendMutex);
             sendingPort.reset();
         }
-        if (!handshake.begin()) {
-            reply(std::nullopt, stoppedError());
-            return;
-        }
-        if (!launch(&error)) {
-            handshake.abandon();
-            reply(std::nullopt, std::move(error));
-            return;
-        }
         // Wait for "signInLaunched" (or an error the sign-in application reports instead).
-        const Handshake::Outcome outcome = handshake.await(options.waitLimit);
-        if (outcome != Handshake::Outcome::woken) {
-            finishUnwoken(outcome);
+        if (!requestAndWait([&] { return launch(&error); })) {
             return;
         }
         error = state->deliveredError();
     }
 
-    if (!handshake.begin()) {
-        reply(std::nullopt, stoppedError());
-        return;
-    }
     // After an error reported while starting, the sign-in is not asked for; the job still waits
     // for the next event and answers with whatever stands then.
-    if (!error) {
-        boost::json::object argument;
-        argument["identifier"] = job.url.host_address();
-        argument["name"] = job.username;
-        if (!sendMessage("showSignIn:", boost::json::value(std::move(argument)), &error)) {
-            handshake.abandon();
-            reply(std::nullopt, std::move(error));
-            return;
-        }
-    }
-    const Handshake::Outcome outcome = handshake.await(options.waitLimit);
-    if (outcome != Handshake::Outcome::woken) {
-        finishUnwoken(outcome);
+    boost::json::object argument;
+    argument["identifier"] = job.url.host_address();
+    argument["name"] = job.username;
+    const boost::json::value showSignIn(std::move(argument));
+    if (!requestAndWait([&] { return error || sendMessage("showSignIn:", showSignIn, &error); })) {
         return;
     }
 
