@@ -10,8 +10,6 @@
 #include <boost/json/serialize.hpp>
 #include <boost/url/parse.hpp>
 
-#include <sys/stat.h>
-
 namespace {
 
 using vt::signin::encodeMessage;
@@ -134,18 +132,6 @@ const VTError kAdapterError(VTHTTPErrorDomain, 401, "HTTP status code 401 (Unaut
 
 std::vector<OutcomeCase> outcomeCases() {
     return {
-        {"EmptyCredentialsEndWithTheEmptyDictionary",
-         {encodeMessage("receiveCredentials:", boost::json::object())},
-         false,
-         boost::json::object(),
-         VTError(),
-         0},
-        {"AnErrorEndsWithNothingAndThatError",
-         {encodeMessage("showError:", kApplicationError.toValue())},
-         false,
-         std::nullopt,
-         kApplicationError,
-         0},
         {"CredentialsOfNoKindEndWithNothingAndNoError",
          {encodeMessage("receiveCredentials:")},
          false,
@@ -360,16 +346,6 @@ TEST_F(SignInFlow, EndingTheFlowAnswersTheWaitingSignIn) {
                                      "The hosts service stopped before the sign-in ended."));
 }
 
-TEST_F(SignInFlow, TheReceivingPortIsASocketOnlyTheUserMayUse) {
-    start(Running::yes);
-    std::optional<Answer> answer = signIn().wait();  // fails to send: nobody listens
-    ASSERT_TRUE(answer);
-    struct stat status {};
-    ASSERT_EQ(::lstat((root.path() / "com.veldtrack.test.Host").c_str(), &status), 0);
-    EXPECT_TRUE(S_ISSOCK(status.st_mode));
-    EXPECT_EQ(status.st_mode & 0777, 0600u);
-}
-
 TEST_F(SignInFlow, AReceivingPortAnotherServiceServesEndsTheSignIn) {
     std::optional<vt::signin::LocalMessagePort> other =
         vt::signin::LocalMessagePort::create("com.veldtrack.test.Host");
@@ -418,10 +394,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         EntitlementCase{"ExecutableUnresolved", false, R"({"application-groups": ["g"]})",
                         "There was an error creating security task for the hosts service."},
-        EntitlementCase{"NoEntitlements", true, std::nullopt,
-                        "There was an error getting hosts service groups security entitlement."},
-        EntitlementCase{"EmptyGroups", true, R"({"application-groups": {}})",
-                        "Hosts service groups security entitlement is empty."},
         EntitlementCase{"EmptyArray", true, R"({"application-groups": []})",
                         "Hosts service groups security entitlement is of unknown type."}),
     [](const auto& info) { return std::string(info.param.name); });
