@@ -109,9 +109,10 @@ TEST(Decompressor, GivesTheBytesDecodedSoFarOfATruncatedStream) {
     EXPECT_TRUE(std::equal(prefix->begin(), prefix->end(), data.begin()));
 }
 
-TEST(Compressor, RefusesInputsAboveFourGibibytesInBothDirections) {
-    // Reserved but never touched: both directions must refuse before reading a byte.
-    const std::size_t size = (std::size_t{1} << 32) + 1;
+TEST(Compressor, RefusesInputsOfFourGibibytesInBothDirections) {
+    // One byte more than zlib's 32-bit counts hold, reserved but never touched: both directions
+    // must refuse before reading a byte.
+    const std::size_t size = std::size_t{1} << 32;
     void* memory =
         mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (memory == MAP_FAILED) {

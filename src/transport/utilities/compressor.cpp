@@ -34,7 +34,7 @@ VTError zlibError(std::string_view prefix, int code) {
 VTError tooLargeError(std::string_view prefix) {
     return VTError(VTZlibErrorDomain, Z_BUF_ERROR,
                    std::string(prefix) + std::to_string(Z_BUF_ERROR),
-                   "Data larger than 4 GiB cannot be handled.");
+                   "Data of 4 GiB or more cannot be handled.");
 }
 
 // zlib takes a non-const input pointer but only reads through it.
