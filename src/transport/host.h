@@ -71,8 +71,7 @@ public:
     virtual bool mergePullRequest(const VTPullRequest& pullRequest, std::int64_t method,
                                   const VTData& oid, const std::string& message, VTToken& token,
                                   VTError* error);
-    virtual bool closePullRequest(const VTPullRequest& pullRequest, VTToken& token,
-                                  VTError* error);
+    virtual bool closePullRequest(const VTPullRequest& pullRequest, VTToken& token, VTError* error);
 
     // ---- The refresh hook. The base yields no token and sets *error to no error.
     virtual std::optional<VTToken> refreshedToken(const VTToken& token, const VTUrl& url,
@@ -103,7 +102,8 @@ public:
     static std::string reasonPhrase(std::int64_t code);
 
     // ---- Host utilities shared by the adapters.
-    // MD5 fingerprint of a one-line public key ("type base64 comment"), as 16 colon-separated pairs.
+    // MD5 fingerprint of a one-line public key ("type base64 comment"), as 16 colon-separated
+    // pairs.
     static std::optional<std::string> fingerprintWithKey(std::string_view key, VTError* error);
     // Puts a backslash before every double quote; nothing else changes.
     static std::string quotesEscapedString(std::string_view text);
