@@ -6,8 +6,6 @@
 #include "transport/paging.h"
 #include "transport/utilities/utilities.h"
 
-#include <boost/url/parse.hpp>
-
 #include <algorithm>
 #include <string>
 #include <utility>
@@ -55,8 +53,8 @@ VTGitHubHost::VTGitHubHost(const VTUrl& url) {
     }
     const std::string host(url.encoded_host());
     const std::string base = scheme + "://api." + host;
-    if (auto parsed = boost::urls::parse_uri(base + "/graphql")) {
-        graphQlUrl_ = *parsed;
+    if (auto parsed = urlWithText(base + "/graphql")) {
+        graphQlUrl_ = std::move(*parsed);
     }
     sshKeysUrl_ = base + "/user/keys";
 }
@@ -313,7 +311,7 @@ std::optional<std::vector<std::string>> VTGitHubHost::createRepositoryWithToken(
 // ---- SSH keys (REST)
 
 std::optional<boost::json::array> VTGitHubHost::sshKeysWithToken(VTToken& token, VTError* error) {
-    auto firstUrl = boost::urls::parse_uri(sshKeysUrl_ + "?per_page=50");
+    auto firstUrl = urlWithText(sshKeysUrl_ + "?per_page=50");
     if (!firstUrl) {
         VTSetError(error, VTError(VTURLErrorDomain, -1000, "The SSH keys address is not a URL."));
         return std::nullopt;
@@ -349,7 +347,7 @@ std::optional<boost::json::array> VTGitHubHost::sshKeysWithToken(VTToken& token,
         }
         return true;
     };
-    if (!vt::pageLinks(*this, VTUrl(*firstUrl), page, token, error)) {
+    if (!vt::pageLinks(*this, *firstUrl, page, token, error)) {
         return std::nullopt;
     }
     return keys;
@@ -357,7 +355,7 @@ std::optional<boost::json::array> VTGitHubHost::sshKeysWithToken(VTToken& token,
 
 bool VTGitHubHost::addSshKey(const std::string& key, const std::string& title, VTToken& token,
                              VTError* error) {
-    auto url = boost::urls::parse_uri(sshKeysUrl_);
+    auto url = urlWithText(sshKeysUrl_);
     if (!url) {
         VTSetError(error, VTError(VTURLErrorDomain, -1000, "The SSH keys address is not a URL."));
         return false;
@@ -365,21 +363,20 @@ bool VTGitHubHost::addSshKey(const std::string& key, const std::string& title, V
     boost::json::object content;
     content["title"] = title;
     content["key"] = key;
-    return jsonPostWithUrl(VTUrl(*url), content, token, error).has_value();
+    return jsonPostWithUrl(*url, content, token, error).has_value();
 }
 
 bool VTGitHubHost::deleteSshKey(const boost::json::value& keyIdentifier, VTToken& token,
                                 VTError* error) {
-    auto parsed = boost::urls::parse_uri(sshKeysUrl_);
-    if (!parsed) {
+    auto url = urlWithText(sshKeysUrl_);
+    if (!url) {
         VTSetError(error, VTError(VTURLErrorDomain, -1000, "The SSH keys address is not a URL."));
         return false;
     }
     // The identifier becomes one escaped path segment, so that no identifier can reach another
     // address on the host.
-    VTUrl url(*parsed);
-    url.segments().push_back(placeText(&keyIdentifier));
-    return jsonDeleteWithUrl(url, token, error).has_value();
+    url->segments().push_back(placeText(&keyIdentifier));
+    return jsonDeleteWithUrl(*url, token, error).has_value();
 }
 
 // ---- Privacy and forks

@@ -92,6 +92,14 @@ std::optional<std::string> urlAt(JsonRoot root, std::initializer_list<std::strin
     return text;
 }
 
+std::optional<VTUrl> urlWithText(std::string_view text) {
+    auto parsed = boost::urls::parse_uri(text);
+    if (!parsed) {
+        return std::nullopt;
+    }
+    return VTUrl(*parsed);
+}
+
 std::string placeText(const boost::json::value* value) {
     if (value == nullptr) {
         return std::string(kMissingText);
@@ -160,13 +168,13 @@ std::optional<RepositoryPath> repositoryPath(const VTUrl& url, VTError* error) {
 }
 
 std::optional<RepositoryPath> repositoryPath(std::string_view urlText, VTError* error) {
-    auto url = boost::urls::parse_uri(urlText);
+    auto url = urlWithText(urlText);
     if (!url) {
         VTSetError(error, VTError(VTURLErrorDomain, -1000,
                                   "The address " + std::string(urlText) + " is not a URL."));
         return std::nullopt;
     }
-    return repositoryPath(VTUrl(*url), error);
+    return repositoryPath(*url, error);
 }
 
 }  // namespace vt::github

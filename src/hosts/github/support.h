@@ -44,6 +44,9 @@ bool isTrueAt(JsonRoot root, std::initializer_list<std::string_view> path);
 // The text at `path` when it parses as an absolute URL.
 std::optional<std::string> urlAt(JsonRoot root, std::initializer_list<std::string_view> path);
 
+// The absolute URL of `text`, or nullopt when it is none.
+std::optional<VTUrl> urlWithText(std::string_view text);
+
 // What stands in a query place for a value that is missing.
 inline constexpr std::string_view kMissingText = "(null)";
 

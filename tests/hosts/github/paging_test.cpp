@@ -38,8 +38,10 @@ protected:
         auto followUp = [](const std::string& cursor) { return "next after " + cursor; };
         auto page = [&names](const boost::json::object& connection, const boost::json::value&,
                              VTError*) {
-            for (const auto& node : connection.at("nodes").as_array()) {
-                names.emplace_back(node.at("name").as_string());
+            if (const auto* nodes = connection.if_contains("nodes")) {
+                for (const auto& node : nodes->as_array()) {
+                    names.emplace_back(node.at("name").as_string());
+                }
             }
             return true;
         };
