@@ -81,12 +81,4 @@ TEST_F(GitHubAccount, AProfileWithoutOrganizationsHasAnEmptyListAndNoUnparsableD
     EXPECT_EQ(*profile, (boost::json::object{{"bio", "Hi"}, {"organizations", ""}}));
 }
 
-TEST_F(GitHubAccount, AFailedOrganizationPageFailsTheProfile) {
-    answer(fixtureText("profile.json"));
-    answer(R"({"errors":[{"message":"Something went wrong"}]})");
-    EXPECT_FALSE(host.profileWithToken(token, &error));
-    EXPECT_EQ(error.code, 200);
-    EXPECT_EQ(error.description(), "Something went wrong");
-}
-
 }  // namespace

@@ -233,42 +233,4 @@ TEST_F(GitHubPullRequests, AFailedFollowUpPageFailsTheConversation) {
     EXPECT_EQ(pullRequest.identifier, "PR_kwDOAbc123");  // already updated, as designed
 }
 
-TEST_F(GitHubPullRequests, ManyItemsNeedOneFollowUpPerFullConnectionPage) {
-    auto nodes = [](int count, const std::function<std::string(int)>& node) {
-        std::string text;
-        for (int index = 0; index < count; ++index) {
-            text += (index == 0 ? "" : ",") + node(index);
-        }
-        return text;
-    };
-    auto assignee = [](int i) { return R"({"login":"u)" + std::to_string(i) + R"("})"; };
-    auto label = [](int i) { return R"({"name":"l)" + std::to_string(i) + R"("})"; };
-    auto comment = [](int i) {
-        return R"({"id":"c)" + std::to_string(i) + R"(","createdAt":"2020-01-01T00:00:00Z"})";
-    };
-    auto commit = [](int i) {
-        return commitNode(("o" + std::to_string(i)).c_str(), "alice", nullptr,
-                          "2020-01-02T00:00:00Z");
-    };
-    answer(R"({"data":{"repository":{"pullRequest":{"viewerCanSubscribe":true,)"
-           R"("assignees":{"nodes":[)" +
-           nodes(100, assignee) + "]," + pageInfo(true, "a") + R"(},"labels":{"nodes":[)" +
-           nodes(30, label) + "]," + pageInfo(false, "l") + R"(},"comments":{"nodes":[)" +
-           nodes(50, comment) + "]," + pageInfo(true, "c") + R"(},"commits":{"nodes":[)" +
-           nodes(100, commit) + "]," + pageInfo(true, "k1") + "}}}}}");
-    answer(connectionPage("assignees", nodes(20, assignee)));
-    answer(connectionPage("comments", nodes(10, comment)));
-    answer(connectionPage("commits", nodes(100, commit), true, "k2"));
-    answer(connectionPage("commits", nodes(50, commit)));
-    auto conversation = host.commentsForPullRequest(pullRequest, token, &error);
-    ASSERT_TRUE(conversation) << error.description();
-    EXPECT_EQ(fake.requestCount(), 5u);
-    EXPECT_EQ(pullRequest.assignees->size(), 120u);
-    EXPECT_EQ(pullRequest.labels->size(), 30u);
-    // 60 comments of one second, 0.1 s apart, then all 250 commits of one author and day.
-    ASSERT_EQ(conversation->size(), 2u + 60u + 1u + 1u);
-    EXPECT_EQ(std::get<VTPullRequestComment>(conversation->at(61)).identifier, "c9");
-    EXPECT_EQ(std::get<VTPullRequestCommits>(conversation->at(62)).commits->size(), 250u);
-}
-
 }  // namespace

@@ -105,6 +105,19 @@ TEST_F(GitHubRepositories, TwoHundredFiftyAreReadInThreeRequests) {
               "forkCount,url,sshUrl}pageInfo{endCursor,hasNextPage}}}}");
 }
 
+TEST_F(GitHubRepositories, PagingStopsWithAnErrorWhenTheHostRepeatsACursorOrSendsNone) {
+    const std::string page = R"({"data":{"viewer":{"login":"octo","repositories":{"nodes":[],)";
+    answer(page + pageInfo(true, "c1") + "}}}}");
+    answer(page + pageInfo(true, "c2") + "}}}}");
+    answer(page + pageInfo(true, "c1") + "}}}}");
+    EXPECT_FALSE(host.repositoriesWithToken(token, &error));
+    EXPECT_EQ(error, VTError(VTHTTPErrorDomain, 200,
+                             "The host sent the same page cursor twice; paging stopped."));
+    answer(page + R"("pageInfo":{"hasNextPage":true}}}}})");
+    EXPECT_FALSE(host.repositoriesWithToken(token, &error));
+    EXPECT_EQ(error.description(), "The host said more pages follow but sent no page cursor.");
+}
+
 TEST(GitHubRepositoryNodes, ListCloneAddressesSshFirstAndOnlyTheKeysTheHostFilled) {
     const auto sshOnly = boost::json::parse(R"({"sshUrl":"git@github.com:o/r.git","url":null})");
     EXPECT_EQ(VTGitHubHost::fixedKeysRepository(sshOnly),
@@ -227,6 +240,22 @@ TEST_F(GitHubRepositories, AKeyWithoutFingerprintFailsTheList) {
                 Response::json(R"([{"id":1,"key":"ssh-rsa !!not-base64!! x"}])"));
     EXPECT_FALSE(host.sshKeysWithToken(token, &error));
     EXPECT_EQ(error.domain, VTSecurityErrorDomain);
+}
+
+TEST_F(GitHubRepositories, KeyPagingStopsWithAnErrorWhenTheHostRepeatsAnAddress) {
+    auto linked = [](const char* next) {
+        Response response = Response::json("[]");
+        response.headers.emplace_back(
+            "Link",
+            std::string("<http://api.github.test/user/keys?page=") + next + ">; rel=\"next\"");
+        return response;
+    };
+    fake.expect("GET", "/user/keys?per_page=50", linked("2"));
+    fake.expect("GET", "/user/keys?page=2", linked("3"));
+    fake.expect("GET", "/user/keys?page=3", linked("2"));
+    EXPECT_FALSE(host.sshKeysWithToken(token, &error));
+    EXPECT_EQ(error.description(),
+              "The host sent the same next-page address twice; paging stopped.");
 }
 
 TEST_F(GitHubRepositories, KeysAreAddedWithTitleAndKeyAndDeletedByIdentifier) {

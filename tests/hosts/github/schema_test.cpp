@@ -18,7 +18,7 @@
 
 namespace {
 
-using vt::testing::fixtureText;
+using vt::fake::Response;
 using vt::testing::GitHubTest;
 using vt::testing::pageInfo;
 using vt::testing::urlOf;
@@ -81,63 +81,36 @@ TEST_F(GitHubSchema, EveryTextTheAdapterSendsIsValid) {
     if (const std::string missing = missingValidator(); !missing.empty()) {
         GTEST_SKIP() << missing;
     }
-    const std::string more = pageInfo(true, "Y3Vyc29yOjE=");
-    const std::string last = pageInfo(false, "Y3Vyc29yOjI=");
-
-    answer(fixtureText("viewer.json"));
+    // One answer fits every query: each connection has a next page until a follow-up asks.
+    fake.setHandler([](const vt::fake::Request& request) {
+        const bool followUp = request.body.find("after:") != std::string::npos;
+        const std::string c = R"({"nodes":[],)" + pageInfo(!followUp, "Y3Vyc29yOjE=") + "}";
+        return Response::json(R"({"data":{"viewer":{"login":"octo","organizations":)" + c +
+                              R"(,"repositories":)" + c + R"(},"repository":{"pullRequests":)" + c +
+                              R"(,"pullRequest":{"assignees":)" + c + R"(,"labels":)" + c +
+                              R"(,"comments":)" + c + R"(,"commits":)" + c + "}}}}");
+    });
+    const VTUrl url = urlOf("http://github.test/owner/my.tool.git");
     host.userWithToken(token, &error);
-
-    answer(fixtureText("profile.json"));
-    answer(R"({"data":{"viewer":{"organizations":{"nodes":[],)" + last + "}}}}");
     host.profileWithToken(token, &error);
-
-    answer(R"({"data":{"viewer":{"login":"octo","repositories":{"nodes":[],)" + more + "}}}}");
-    answer(R"({"data":{"viewer":{"repositories":{"nodes":[],)" + last + "}}}}");
-    answer(R"({"data":{"viewer":{"name":"Octo","avatarUrl":null,"id":"U_1"}}})");
-    host.repositoriesWithToken(token, &error);
-
-    answer(R"({"data":{}})");
+    host.repositoriesWithToken(token, &error);  // owns nothing: also asks for the viewer
     host.createRepositoryWithToken(token, {{"identifier", "U_1"}}, "tool", "Tool",
                                    "A \"quoted\" description", 1, &error);
-    answer(R"({"data":{}})");
-    host.isPrivateRepositoryAtUrl(urlOf("http://github.test/owner/my.tool.git"), token, &error);
-    answer(R"({"data":{}})");
-    host.forksForUrl(urlOf("http://github.test/owner/repo"), token, &error);
-
-    answer(R"({"data":{"repository":{"pullRequests":{"nodes":[],)" + more + "}}}}");
-    answer(R"({"data":{"repository":{"pullRequests":{"nodes":[],)" + last + "}}}}");
-    host.pullRequestsWithUrl(urlOf("http://github.test/owner/repo"), token, &error);
-
-    std::string connections;
-    for (const char* connection : {"assignees", "labels", "comments", "commits"}) {
-        connections += std::string(connections.empty() ? "" : ",") + "\"" + connection +
-                       R"(":{"nodes":[],)" + more + "}";
-    }
-    answer(R"({"data":{"repository":{"pullRequest":{)" + connections + "}}}}");
-    for (const char* connection : {"assignees", "labels", "comments", "commits"}) {
-        answer(R"({"data":{"repository":{"pullRequest":{")" + std::string(connection) +
-               R"(":{"nodes":[],)" + last + "}}}}}");
-    }
-    VTPullRequest pullRequest;
-    pullRequest.remoteUrl = "http://github.test/owner/repo.git";
-    pullRequest.number = 12;
+    host.isPrivateRepositoryAtUrl(url, token, &error);
+    host.forksForUrl(url, token, &error);
+    host.pullRequestsWithUrl(url, token, &error);
+    VTPullRequest pullRequest = vt::testing::pullRequestSeven("http://github.test/owner/repo");
     host.commentsForPullRequest(pullRequest, token, &error);
-
-    answer(R"({"data":{"repositoryOwner":{"repository":{"id":"R_1"}}}})");
-    answer(R"({"data":{}})");
-    host.createPullRequestWithUrl(urlOf("http://github.test/owner/repo"), "main",
-                                  "alice/repo:feature/x", "A \"title\"", "Body", token, &error);
-    for (int action = 0; action < 8; ++action) {
-        answer(R"({"data":{}})");
-    }
+    host.createPullRequestWithUrl(url, "main", "alice/repo:feature/x", "A \"title\"", "Body", token,
+                                  &error);
     host.editPullRequest(pullRequest, "New \"body\"", token, &error);
     host.addComment("A \"comment\"", pullRequest, token, &error);
     host.editComment("IC_1", "Edited", pullRequest, token, &error);
     host.deleteComment("IC_1", pullRequest, token, &error);
     const VTData oid{0xab, 0xcd, 0xef, 0x01};
-    host.mergePullRequest(pullRequest, 0, oid, "", token, &error);
-    host.mergePullRequest(pullRequest, 1, oid, "Headline only", token, &error);
-    host.mergePullRequest(pullRequest, 2, oid, "Headline\nBody", token, &error);
+    for (const char* message : {"", "Headline only", "Headline\nBody"}) {
+        host.mergePullRequest(pullRequest, 2, oid, message, token, &error);
+    }
     host.closePullRequest(pullRequest, token, &error);
 
     const auto queries = sentQueries();
