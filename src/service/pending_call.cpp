@@ -1,0 +1,85 @@
+#include "service/pending_call.h"
+
+#include "service/bus_names.h"
+
+#include <sdbus-c++/Error.h>
+
+#include <exception>
+#include <vector>
+
+VTPendingCall::VTPendingCall(sdbus::MethodCall call, VTPendingCalls& calls)
+    : call_(std::move(call)), calls_(calls) {}
+
+VTPendingCall::~VTPendingCall() {
+    fail(vt::bus::kStoppingError, "The hosts service stopped before the request finished.");
+    calls_.remove(this);
+}
+
+void VTPendingCall::reply(const VTReplyDictionary& reply) {
+    if (!claim()) {
+        return;
+    }
+    try {
+        sdbus::MethodReply message = call_.createReply();
+        reply.appendTo(message);
+        message.send();
+    } catch (const std::exception& failure) {
+        sendError(vt::bus::kFailedError,
+                  std::string("The hosts service could not send its reply: ") + failure.what());
+        return;
+    } catch (...) {
+        sendError(vt::bus::kFailedError, "The hosts service could not send its reply.");
+        return;
+    }
+    calls_.sent();
+}
+
+void VTPendingCall::fail(const std::string& name, const std::string& text) {
+    if (claim()) {
+        sendError(name, text);
+    }
+}
+
+void VTPendingCall::sendError(const std::string& name, const std::string& text) {
+    try {
+        call_.createErrorReply(sdbus::Error(name, text)).send();
+    } catch (...) {
+        // The caller is gone or asked for no reply: nobody is left to tell.
+    }
+    calls_.sent();
+}
+
+VTPendingCalls::VTPendingCalls(std::function<void()> afterSend)
+    : afterSend_(std::move(afterSend)) {}
+
+std::shared_ptr<VTPendingCall> VTPendingCalls::add(sdbus::MethodCall call) {
+    auto pending = std::make_shared<VTPendingCall>(std::move(call), *this);
+    std::lock_guard lock(mutex_);
+    calls_.insert(pending.get());
+    return pending;
+}
+
+void VTPendingCalls::failAll(const std::string& name, const std::string& text) {
+    // Held throughout, so that no call goes away while it is being answered; an answer never
+    // waits for this lock.
+    std::lock_guard lock(mutex_);
+    for (VTPendingCall* call : calls_) {
+        call->fail(name, text);
+    }
+}
+
+std::size_t VTPendingCalls::count() const {
+    std::lock_guard lock(mutex_);
+    return calls_.size();
+}
+
+void VTPendingCalls::remove(VTPendingCall* call) {
+    std::lock_guard lock(mutex_);
+    calls_.erase(call);
+}
+
+void VTPendingCalls::sent() const {
+    if (afterSend_) {
+        afterSend_();
+    }
+}
