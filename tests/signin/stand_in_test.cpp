@@ -2,8 +2,8 @@
 // found through its bus name on a private session bus, answering over the ports and through the
 // VTHostMessage signal.
 
+#include "private_bus.h"
 #include "service/signin/sign_in.h"
-#include "session_bus.h"
 #include "support.h"
 
 #include <gtest/gtest.h>
@@ -87,7 +87,8 @@ protected:
         return processes;
     }
 
-    vt::test::PrivateSessionBus bus;
+    vt::test::PrivateBus bus{
+        vt::test::PrivateBus::Options{.activateService = false, .serviceFolders = {}}};
     TemporaryFolder root;
     std::filesystem::path log = root.path() / "stand-in.log";
     ScopedVariable runtime{"XDG_RUNTIME_DIR", root.path().string()};
