@@ -1,7 +1,8 @@
 #pragma once
 
 // The value types that cross the service: result dictionaries, decoded host answers and tokens are
-// Boost.JSON values. A record (see records.h) becomes an object whose "$class" member names its class.
+// Boost.JSON values. A record (see records.h) becomes an object whose "$class" member names its
+// class.
 
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
