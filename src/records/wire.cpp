@@ -6,6 +6,7 @@
 #include <sdbus-c++/Types.h>
 
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <limits>
 #include <type_traits>
@@ -82,22 +83,35 @@ std::size_t acceptedSequence(const unsigned char* at, const unsigned char* end) 
     return length;
 }
 
+// The first byte of `[at, end)` the bus would refuse in a string, or `end`. Texts are mostly
+// ASCII, so eight bytes at a time are checked for a high bit or a NUL first.
+const unsigned char* firstRefused(const unsigned char* at, const unsigned char* end) {
+    constexpr std::uint64_t kHigh = 0x8080808080808080u;
+    constexpr std::uint64_t kLow = 0x0101010101010101u;
+    while (at != end) {
+        if (end - at >= 8) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, at, sizeof word);
+            if (((word | ((word - kLow) & ~word)) & kHigh) == 0) {
+                at += 8;
+                continue;
+            }
+        }
+        const std::size_t length = acceptedSequence(at, end);
+        if (length == 0) {
+            return at;
+        }
+        at += length;
+    }
+    return end;
+}
+
 // Appends a string; bytes the bus would refuse become U+FFFD, so that one odd byte in a host's
 // answer does not cost the whole reply. `text` must be NUL-terminated at `size`.
 void appendText(sdbus::Message& message, const char* text, std::size_t size) {
     const auto* begin = reinterpret_cast<const unsigned char*>(text);
     const auto* end = begin + size;
-    const auto* at = begin;
-    while (at != end && *at != 0 && *at < 0x80) {
-        ++at;
-    }
-    while (at != end) {
-        const std::size_t length = acceptedSequence(at, end);
-        if (length == 0) {
-            break;
-        }
-        at += length;
-    }
+    const auto* at = firstRefused(begin, end);
     if (at == end) {
         message << text;
         return;

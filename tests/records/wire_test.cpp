@@ -114,6 +114,14 @@ TEST(TheBusEncoding, ReplacesTextTheBusWouldRefuse) {
          "a\xEF\xBF\xBD"
          "b"},
         {"a NUL", std::string("x\0y", 3), "x\xEF\xBF\xBDy"},
+        {"a NUL deep in long text", std::string("0123456789\0abcdefghij", 21),
+         "0123456789\xEF\xBF\xBD"
+         "abcdefghij"},
+        {"a stray byte inside long text",
+         "0123456789\x80"
+         "abcdefghij",
+         "0123456789\xEF\xBF\xBD"
+         "abcdefghij"},
         {"a noncharacter", "<\xEF\xBF\xBE>", "<\xEF\xBF\xBD>"},
         {"a surrogate", "<\xED\xA0\x80>", "<\xEF\xBF\xBD>"},
         {"a sequence cut short at the end", "end\xE2\x82", "end\xEF\xBF\xBD\xEF\xBF\xBD"},
