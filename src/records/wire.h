@@ -38,7 +38,9 @@ bool readDictionary(sdbus::Message& message, boost::json::object& out, std::stri
 bool readVariant(sdbus::Message& message, boost::json::value& out, std::string* fault);
 
 // A message bound to no bus, to write values into and read them back (tests, benchmarks). Seal
-// it and rewind it before reading.
+// it and rewind it before reading. All such messages (and every sdbus::Variant) hang on one
+// process-wide pseudo bus, and sd-bus objects are not thread-safe: make them on one thread at a
+// time.
 sdbus::PlainMessage standaloneMessage();
 
 }  // namespace vt::wire
