@@ -22,6 +22,11 @@ struct EntitlementCase {
     const char* reason;
 };
 
+// Names the case in test listings instead of dumping its bytes.
+void PrintTo(const EntitlementCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
 const EntitlementCase kCases[] = {
     {"NoFile", std::nullopt, std::nullopt, kMissing},
     {"NotJson", "application-groups", std::nullopt, kMissing},

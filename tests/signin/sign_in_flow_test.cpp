@@ -126,6 +126,11 @@ struct OutcomeCase {
     std::size_t adapterCalls;
 };
 
+// Names the case in test listings instead of dumping its bytes.
+void PrintTo(const OutcomeCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
 const VTError kApplicationError(VTGitErrorDomain, 7, "The user closed the sign-in window.");
 const VTError kAdapterError(VTHTTPErrorDomain, 401, "HTTP status code 401 (Unauthorized)",
                             "Bad credentials");
@@ -366,6 +371,11 @@ struct EntitlementCase {
     const char* reason;
 };
 
+// Names the case in test listings instead of dumping its bytes.
+void PrintTo(const EntitlementCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
 class SignInEntitlement : public SignInFlow,
                           public ::testing::WithParamInterface<EntitlementCase> {};
 
@@ -405,6 +415,11 @@ struct LaunchCase {
     std::int64_t code;
     const char* description;
 };
+
+// Names the case in test listings instead of dumping its bytes.
+void PrintTo(const LaunchCase& c, std::ostream* out) {
+    *out << c.name;
+}
 
 class SignInLaunch : public SignInFlow, public ::testing::WithParamInterface<LaunchCase> {};
 
