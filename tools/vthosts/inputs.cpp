@@ -62,7 +62,9 @@ std::optional<std::int64_t> parseHostType(std::string_view text, std::string* pr
 }
 
 std::optional<std::int64_t> hostTypeOfPublicSite(std::string_view url) {
-    auto parsed = boost::urls::parse_absolute_uri(rewriteScpLikeRemote(url));
+    // The view points into `text`, which must outlive it.
+    const std::string text = rewriteScpLikeRemote(url);
+    auto parsed = boost::urls::parse_absolute_uri(text);
     if (!parsed) {
         return std::nullopt;
     }

@@ -1,0 +1,59 @@
+#pragma once
+
+// Runs vthosts in-process: standard input, the environment and the service's outcomes are
+// scripted; what it printed and every request it sent are kept for the test to look at.
+
+#include "vthosts/client.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace vt::client::test {
+
+class Harness {
+public:
+    std::string input;
+    bool inputIsTerminal = true;
+    bool outputIsTerminal = false;
+    std::map<std::string, std::string> environment;
+    // Answers, in order; a request beyond them fails the test.
+    std::deque<CallOutcome> outcomes;
+
+    std::vector<Request> sent;
+    std::string out;
+    std::string err;
+
+    int run(const std::vector<std::string>& arguments);
+
+    // The token argument of sent request `index` (its first 'a{sv}' that is not a record).
+    boost::json::object tokenSent(std::size_t index = 0) const;
+};
+
+// An outcome with this reply dictionary.
+CallOutcome replying(boost::json::object reply);
+// An outcome with a D-Bus error.
+CallOutcome failing(std::string name, std::string message);
+
+// A folder that goes away with the test.
+class TemporaryFolder {
+public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+    // Writes `text` to a file in the folder and returns its path.
+    std::string write(const std::string& name, const std::string& text) const;
+
+private:
+    std::filesystem::path path_;
+};
+
+}  // namespace vt::client::test
