@@ -450,4 +450,24 @@ INSTANTIATE_TEST_SUITE_P(Launch, SignInLaunch,
                                                       true, EACCES, "Permission denied"}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// The service's main loop after it has ended: posted work no longer runs.
+class EndedLoop : public VTSignInEnvironment {
+public:
+    void runOnMainThread(const std::function<void()>&) override {}
+    void watchDescriptor(int, std::function<void()>) override {}
+    bool isSignInApplicationRunning() override { return true; }
+};
+
+TEST_F(SignInFlow, ASignInAfterTheMainLoopEndedIsAnsweredAsStopped) {
+    EndedLoop ended;
+    VTSignInFlow late(ended, adapters.factory(), VTSignInOptions{executable, vt::test::kPatience});
+    ReplyCatcher catcher;
+    late.signIn(url("https://github.com/o/r"), 1, "octocat", catcher.reply());
+    std::optional<Answer> answer = catcher.wait();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->result, std::nullopt);
+    EXPECT_EQ(answer->error, VTError(VTGitErrorDomain, -2, kReceiveFailure,
+                                     "The hosts service stopped before the sign-in ended."));
+}
+
 }  // namespace

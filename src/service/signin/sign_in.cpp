@@ -315,7 +315,8 @@ void VTSignInFlow::Impl::runJob(const Job& job, ReplyOnce& reply) {
     // The receiving port is served by the main loop, so it is made there.
     environment.runOnMainThread([&] { portReady = openReceivingPort(&error); });
     if (!portReady) {
-        reply(std::nullopt, std::move(error));
+        // Without an error the main loop had already ended and did not run the work.
+        reply(std::nullopt, error ? std::move(error) : stoppedError());
         return;
     }
 
