@@ -39,7 +39,8 @@ private:
         std::size_t frame = 0;
         std::unique_lock lock(mutex_);
         // Quick requests end before the first frame, so nothing flickers.
-        while (!wake_.wait_for(lock, stop, std::chrono::milliseconds(150), [] { return false; })) {
+        while (!wake_.wait_for(lock, stop, std::chrono::milliseconds(150),
+                               [&stop] { return stop.stop_requested(); })) {
             *out_ << "\r" << kFrames[frame++ % 4] << " waiting for the hosts service" << std::flush;
         }
     }
