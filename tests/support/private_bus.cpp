@@ -215,6 +215,8 @@ PrivateBus::PrivateBus(Options options) : folder_(makeTemporaryFolder()) {
 }
 
 PrivateBus::~PrivateBus() {
+    // A daemon a test stopped would neither answer nor end.
+    ::kill(daemon_, SIGCONT);
     try {
         endActivatedServices();
     } catch (...) {

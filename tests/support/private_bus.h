@@ -44,6 +44,9 @@ public:
     // A temporary folder that goes away with the bus; the daemon's log is "daemon.log" in it.
     const std::filesystem::path& folder() const { return folder_; }
 
+    // The dbus-daemon's process (a test may stop it to play a bus that reads slowly).
+    pid_t daemonPid() const { return daemon_; }
+
     // A new connection to this bus.
     std::unique_ptr<sdbus::IConnection> connect() const;
 
