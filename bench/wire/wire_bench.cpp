@@ -6,7 +6,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -93,6 +95,11 @@ VTConversation conversation(bool longTexts) {
     return result;
 }
 
+// On a shared machine the fastest repetition is the least disturbed one.
+double fastest(const std::vector<double>& times) {
+    return *std::min_element(times.begin(), times.end());
+}
+
 const boost::json::object kToken{{"token_type", "Bearer"}, {"access_token", "gho_0123456789"}};
 
 // The reply dictionary of GetCommentsForPullRequest, with `writeConversation` filling the variant.
@@ -129,7 +136,8 @@ BENCHMARK(WriteConversationDirectly)
     ->ArgName("longTexts")
     ->Arg(0)
     ->Arg(1)
-    ->Unit(benchmark::kMillisecond);
+    ->Unit(benchmark::kMillisecond)
+    ->ComputeStatistics("min", fastest);
 
 void WriteConversationThroughValueForm(benchmark::State& state) {
     const VTConversation items = conversation(state.range(0) != 0);
@@ -146,7 +154,8 @@ BENCHMARK(WriteConversationThroughValueForm)
     ->ArgName("longTexts")
     ->Arg(0)
     ->Arg(1)
-    ->Unit(benchmark::kMillisecond);
+    ->Unit(benchmark::kMillisecond)
+    ->ComputeStatistics("min", fastest);
 
 // What a client pays: reading the reply and decoding the conversation with its checks.
 void ReadAndDecodeConversation(benchmark::State& state) {
@@ -178,6 +187,7 @@ BENCHMARK(ReadAndDecodeConversation)
     ->ArgName("longTexts")
     ->Arg(0)
     ->Arg(1)
-    ->Unit(benchmark::kMillisecond);
+    ->Unit(benchmark::kMillisecond)
+    ->ComputeStatistics("min", fastest);
 
 }  // namespace
