@@ -44,11 +44,7 @@ std::string signatureOf(const json::value& value) {
 
 TEST(TheBusEncoding, CarriesAPullRequestWithAllNineteenValues) {
     const VTPullRequest original = samplePullRequest();
-    std::string fault;
-    std::optional<VTPullRequest> decoded =
-        VTPullRequest::fromValue(throughVariant(original.toValue()), &fault);
-    ASSERT_TRUE(decoded) << fault;
-    EXPECT_EQ(*decoded, original);
+    EXPECT_EQ(VTPullRequest::fromValue(throughVariant(original.toValue())), original);
 }
 
 TEST(TheBusEncoding, WritesAConversationDirectlyAsItsValueFormWouldBe) {
@@ -89,15 +85,13 @@ TEST(TheBusEncoding, LeavesNullMembersOutAndSendsNullElementsAsEmptyDictionaries
         "name": "hosts", "stars": 12, "ratio": 0.5, "private": false,
         "huge": 18446744073709551615, "list": [1, {}, "x", [true]],
         "owner": {"login": "octo"}})");
-    EXPECT_EQ(throughVariant(value), expected);
-    EXPECT_TRUE(throughVariant(value).at("huge").is_uint64());
-
     sdbus::PlainMessage message = standaloneMessage();
     vt::wire::appendDictionary(message, value.as_object());
     json::object read;
     std::string fault;
     ASSERT_TRUE(vt::wire::readDictionary(sealed(message), read, &fault)) << fault;
     EXPECT_EQ(read, expected);
+    EXPECT_TRUE(read.at("huge").is_uint64());
 }
 
 TEST(TheBusEncoding, ReplacesTextTheBusWouldRefuse) {
@@ -133,80 +127,57 @@ TEST(TheBusEncoding, ReplacesTextTheBusWouldRefuse) {
     VTPullRequest pullRequest;
     pullRequest.title = "bad \xC0 title";
     sdbus::PlainMessage message = standaloneMessage();
-    vt::wire::appendConversation(message, {pullRequest});
-    EXPECT_NO_THROW(message.seal());
+    EXPECT_NO_THROW(vt::wire::appendConversation(message, {pullRequest}));
+}
+
+json::object readBack(const std::map<std::string, sdbus::Variant>& dictionary) {
+    sdbus::PlainMessage message = standaloneMessage();
+    message << dictionary;
+    json::object read;
+    std::string fault;
+    EXPECT_TRUE(vt::wire::readDictionary(sealed(message), read, &fault)) << fault;
+    return read;
 }
 
 TEST(ReadingTheBus, WidensEveryIntegerType) {
-    sdbus::PlainMessage message = standaloneMessage();
-    message.openContainer("{sv}");
-    const auto entry = [&message](const char* key, const char* type, auto number) {
-        message.openDictEntry("sv");
-        message << key;
-        message.openVariant(type);
-        message << number;
-        message.closeVariant();
-        message.closeDictEntry();
+    const json::object read = readBack({
+        {"y", sdbus::Variant(std::uint8_t{255})},
+        {"n", sdbus::Variant(std::int16_t{-32768})},
+        {"q", sdbus::Variant(std::uint16_t{65535})},
+        {"i", sdbus::Variant(std::numeric_limits<std::int32_t>::min())},
+        {"u", sdbus::Variant(std::numeric_limits<std::uint32_t>::max())},
+        {"x", sdbus::Variant(std::numeric_limits<std::int64_t>::min())},
+        {"small t", sdbus::Variant(std::uint64_t{7})},
+        {"large t", sdbus::Variant(std::numeric_limits<std::uint64_t>::max())},
+    });
+    const std::pair<const char*, std::int64_t> widened[] = {
+        {"y", 255},
+        {"n", -32768},
+        {"q", 65535},
+        {"i", std::numeric_limits<std::int32_t>::min()},
+        {"u", std::numeric_limits<std::uint32_t>::max()},
+        {"x", std::numeric_limits<std::int64_t>::min()},
+        {"small t", 7},
     };
-    entry("y", "y", std::uint8_t{255});
-    entry("n", "n", std::int16_t{-32768});
-    entry("q", "q", std::uint16_t{65535});
-    entry("i", "i", std::numeric_limits<std::int32_t>::min());
-    entry("u", "u", std::numeric_limits<std::uint32_t>::max());
-    entry("x", "x", std::numeric_limits<std::int64_t>::min());
-    entry("small t", "t", std::uint64_t{7});
-    entry("large t", "t", std::numeric_limits<std::uint64_t>::max());
-    message.closeContainer();
-
-    json::object read;
-    std::string fault;
-    ASSERT_TRUE(vt::wire::readDictionary(sealed(message), read, &fault)) << fault;
-    EXPECT_EQ(read.at("y"), json::value(std::int64_t{255}));
-    EXPECT_EQ(read.at("n"), json::value(std::int64_t{-32768}));
-    EXPECT_EQ(read.at("q"), json::value(std::int64_t{65535}));
-    EXPECT_EQ(read.at("i"), json::value(std::int64_t{std::numeric_limits<std::int32_t>::min()}));
-    EXPECT_EQ(read.at("u"), json::value(std::int64_t{std::numeric_limits<std::uint32_t>::max()}));
-    EXPECT_EQ(read.at("x"), json::value(std::numeric_limits<std::int64_t>::min()));
-    for (const char* key : {"y", "n", "q", "i", "u", "x", "small t"}) {
-        EXPECT_TRUE(read.at(key).is_int64()) << key;
+    for (const auto& [key, number] : widened) {
+        ASSERT_TRUE(read.at(key).is_int64()) << key;
+        EXPECT_EQ(read.at(key).get_int64(), number) << key;
     }
-    EXPECT_EQ(read.at("small t").as_int64(), 7);
     EXPECT_EQ(read.at("large t").as_uint64(), std::numeric_limits<std::uint64_t>::max());
 }
 
 TEST(ReadingTheBus, ReadsNestedContainersOfAnyType) {
-    sdbus::PlainMessage message = standaloneMessage();
-    message.openContainer("{sv}");
-    message.openDictEntry("sv");
-    message << "strings";
-    message << sdbus::Variant(std::vector<std::string>{"a", "b"});
-    message.closeDictEntry();
-    message.openDictEntry("sv");
-    message << "nested";
-    message << sdbus::Variant(std::map<std::string, std::map<std::string, sdbus::Variant>>{
-        {"inner", {{"depth", sdbus::Variant(std::int32_t{2})}, {"ok", sdbus::Variant(true)}}}});
-    message.closeDictEntry();
-    message.openDictEntry("sv");
-    message << "bytes";
-    message << sdbus::Variant(std::vector<std::uint8_t>{0, 127, 255});
-    message.closeDictEntry();
-    message.openDictEntry("sv");
-    message << "path";
-    message << sdbus::Variant(sdbus::ObjectPath("/com/veldtrack/x"));
-    message.closeDictEntry();
-    message.openDictEntry("sv");
-    message << "pair";
-    message << sdbus::Variant(sdbus::Struct<std::string, double>("half", 0.5));
-    message.closeDictEntry();
-    message.openDictEntry("sv");
-    message << "lists";
-    message << sdbus::Variant(std::vector<std::vector<std::int64_t>>{{1, 2}, {}});
-    message.closeDictEntry();
-    message.closeContainer();
-
-    json::object read;
-    std::string fault;
-    ASSERT_TRUE(vt::wire::readDictionary(sealed(message), read, &fault)) << fault;
+    const json::object read = readBack({
+        {"strings", sdbus::Variant(std::vector<std::string>{"a", "b"})},
+        {"nested",
+         sdbus::Variant(std::map<std::string, std::map<std::string, sdbus::Variant>>{
+             {"inner",
+              {{"depth", sdbus::Variant(std::int32_t{2})}, {"ok", sdbus::Variant(true)}}}})},
+        {"bytes", sdbus::Variant(std::vector<std::uint8_t>{0, 127, 255})},
+        {"path", sdbus::Variant(sdbus::ObjectPath("/com/veldtrack/x"))},
+        {"pair", sdbus::Variant(sdbus::Struct<std::string, double>("half", 0.5))},
+        {"lists", sdbus::Variant(std::vector<std::vector<std::int64_t>>{{1, 2}, {}})},
+    });
     EXPECT_EQ(read, json::parse(R"({
         "strings": ["a", "b"],
         "nested": {"inner": {"depth": 2, "ok": true}},
