@@ -5,7 +5,7 @@
 
 #include "private_bus.h"
 #include "records/records.h"
-#include "scoped_variable.h"
+#include "scratch.h"
 #include "service/bus_service.h"
 #include "transport/host.h"
 

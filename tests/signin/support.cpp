@@ -15,39 +15,6 @@
 
 namespace vt::test {
 
-TemporaryFolder::TemporaryFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "vt-signin-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), "mkdtemp");
-    }
-    path_ = pattern;
-}
-
-TemporaryFolder::~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
-ScopedVariable::ScopedVariable(std::string name, const std::optional<std::string>& value)
-    : name_(std::move(name)) {
-    if (const char* previous = std::getenv(name_.c_str())) {
-        previous_ = previous;
-    }
-    if (value) {
-        ::setenv(name_.c_str(), value->c_str(), 1);
-    } else {
-        ::unsetenv(name_.c_str());
-    }
-}
-
-ScopedVariable::~ScopedVariable() {
-    if (previous_) {
-        ::setenv(name_.c_str(), previous_->c_str(), 1);
-    } else {
-        ::unsetenv(name_.c_str());
-    }
-}
-
 void writeFile(const std::filesystem::path& path, const std::string& text) {
     // Written aside and renamed, so that a reader never sees half a file.
     const std::filesystem::path aside = path.string() + ".new";

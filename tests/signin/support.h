@@ -4,6 +4,7 @@
 // their own that serves the flow's port, an adapter that records its calls, a reply catcher, and
 // a sign-in application played by the test itself over the real ports.
 
+#include "scratch.h"
 #include "service/signin/message_port.h"
 #include "service/signin/sign_in.h"
 #include "transport/host.h"
@@ -28,32 +29,6 @@ namespace vt::test {
 
 // Long enough that only a broken flow ever reaches it; a test that waits this long fails.
 inline constexpr std::chrono::seconds kPatience{60};
-
-// A folder under the temporary folder, removed with everything in it.
-class TemporaryFolder {
-public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
-
-// Sets (or, with nullopt, removes) an environment variable and restores it on destruction.
-class ScopedVariable {
-public:
-    ScopedVariable(std::string name, const std::optional<std::string>& value);
-    ~ScopedVariable();
-    ScopedVariable(const ScopedVariable&) = delete;
-    ScopedVariable& operator=(const ScopedVariable&) = delete;
-
-private:
-    std::string name_;
-    std::optional<std::string> previous_;
-};
 
 void writeFile(const std::filesystem::path& path, const std::string& text);
 std::vector<std::string> readLines(const std::filesystem::path& path);

@@ -57,23 +57,4 @@ CallOutcome failing(std::string name, std::string message) {
     return outcome;
 }
 
-TemporaryFolder::TemporaryFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "vthosts-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-}
-
-TemporaryFolder::~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
-std::string TemporaryFolder::write(const std::string& name, const std::string& text) const {
-    const auto file = path_ / name;
-    std::ofstream(file, std::ios::binary) << text;
-    return file.string();
-}
-
 }  // namespace vt::client::test

@@ -3,6 +3,7 @@
 // Runs vthosts in-process: standard input, the environment and the service's outcomes are
 // scripted; what it printed and every request it sent are kept for the test to look at.
 
+#include "scratch.h"
 #include "vthosts/client.h"
 
 #include <gtest/gtest.h>
@@ -40,20 +41,6 @@ CallOutcome replying(boost::json::object reply);
 // An outcome with a D-Bus error.
 CallOutcome failing(std::string name, std::string message);
 
-// A folder that goes away with the test.
-class TemporaryFolder {
-public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-    const std::filesystem::path& path() const { return path_; }
-    // Writes `text` to a file in the folder and returns its path.
-    std::string write(const std::string& name, const std::string& text) const;
-
-private:
-    std::filesystem::path path_;
-};
+using vt::test::TemporaryFolder;
 
 }  // namespace vt::client::test
