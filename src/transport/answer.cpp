@@ -3,7 +3,10 @@
 #include "transport/host.h"
 
 #include <unicode/utf8.h>
-#include <boost/json/stream_parser.hpp>
+#include <boost/json/basic_parser_impl.hpp>
+#include <boost/json/value_stack.hpp>
+
+#include <charconv>
 
 namespace vt {
 
@@ -26,6 +29,90 @@ bool isUtf8(std::string_view text) {
     return true;
 }
 
+// Builds the value as Boost.JSON's own parser does, except for doubles: Boost.JSON 1.81 does not
+// round every decimal exponent correctly (7E301 comes out one step above the nearest double) and
+// reads a zero with an exponent above 308, such as 0e400, as NaN. Doubles are therefore read
+// again from their text, which from_chars rounds correctly; only out of its range (1e400, 1e-400)
+// does the parser's infinity or zero stand.
+class ValueBuilder {
+public:
+    static constexpr std::size_t max_object_size = boost::json::object::max_size();
+    static constexpr std::size_t max_array_size = boost::json::array::max_size();
+    static constexpr std::size_t max_key_size = boost::json::string::max_size();
+    static constexpr std::size_t max_string_size = boost::json::string::max_size();
+
+    ValueBuilder() { stack_.reset(); }
+
+    boost::json::value release() { return stack_.release(); }
+
+    bool on_document_begin(boost::json::error_code&) { return true; }
+    bool on_document_end(boost::json::error_code&) { return true; }
+    bool on_object_begin(boost::json::error_code&) { return true; }
+    bool on_object_end(std::size_t n, boost::json::error_code&) {
+        stack_.push_object(n);
+        return true;
+    }
+    bool on_array_begin(boost::json::error_code&) { return true; }
+    bool on_array_end(std::size_t n, boost::json::error_code&) {
+        stack_.push_array(n);
+        return true;
+    }
+    bool on_key_part(boost::json::string_view s, std::size_t, boost::json::error_code&) {
+        stack_.push_chars(s);
+        return true;
+    }
+    bool on_key(boost::json::string_view s, std::size_t, boost::json::error_code&) {
+        stack_.push_key(s);
+        return true;
+    }
+    bool on_string_part(boost::json::string_view s, std::size_t, boost::json::error_code&) {
+        stack_.push_chars(s);
+        return true;
+    }
+    bool on_string(boost::json::string_view s, std::size_t, boost::json::error_code&) {
+        stack_.push_string(s);
+        return true;
+    }
+    bool on_number_part(boost::json::string_view s, boost::json::error_code&) {
+        number_.append(s.data(), s.size());
+        return true;
+    }
+    bool on_int64(std::int64_t i, boost::json::string_view, boost::json::error_code&) {
+        number_.clear();
+        stack_.push_int64(i);
+        return true;
+    }
+    bool on_uint64(std::uint64_t u, boost::json::string_view, boost::json::error_code&) {
+        number_.clear();
+        stack_.push_uint64(u);
+        return true;
+    }
+    bool on_double(double d, boost::json::string_view s, boost::json::error_code&) {
+        number_.append(s.data(), s.size());
+        double exact = 0;
+        const bool read =
+            std::from_chars(number_.data(), number_.data() + number_.size(), exact).ec ==
+            std::errc();
+        number_.clear();
+        stack_.push_double(read ? exact : d);
+        return true;
+    }
+    bool on_bool(bool b, boost::json::error_code&) {
+        stack_.push_bool(b);
+        return true;
+    }
+    bool on_null(boost::json::error_code&) {
+        stack_.push_null();
+        return true;
+    }
+    bool on_comment_part(boost::json::string_view, boost::json::error_code&) { return true; }
+    bool on_comment(boost::json::string_view, boost::json::error_code&) { return true; }
+
+private:
+    boost::json::value_stack stack_;
+    std::string number_;  // the number's text so far, when it came in parts
+};
+
 }  // namespace
 
 std::optional<boost::json::value> decodeAnswerBody(std::string_view body, VTError* error) {
@@ -34,14 +121,14 @@ std::optional<boost::json::value> decodeAnswerBody(std::string_view body, VTErro
     }
     boost::json::parse_options options;
     options.max_depth = 512;
-    boost::json::stream_parser parser(boost::json::storage_ptr(), options);
+    boost::json::basic_parser<ValueBuilder> parser(options);
     boost::json::error_code code;
-    std::size_t consumed = parser.write(body.data(), body.size(), code);
-    if (!code) {
-        parser.finish(code);
+    const std::size_t consumed = parser.write_some(false, body.data(), body.size(), code);
+    if (!code && consumed < body.size()) {
+        code = boost::json::error::extra_data;
     }
     if (!code) {
-        return parser.release();
+        return parser.handler().release();
     }
     if (isUtf8(body)) {
         VTSetError(error, VTError(VTHTTPErrorDomain, 0, body));

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <boost/json/parse.hpp>
 
+#include <cmath>
+
 namespace {
 
 TEST(TheLinkScan, TakesOnlyTheNextRelation) {
@@ -32,6 +34,27 @@ TEST(AnswerDecoding, AcceptsFragmentsAndTreatsAnEmptyBodyAsAnEmptyObject) {
     EXPECT_EQ(*vt::decodeAnswerBody("\"text\"", nullptr), boost::json::value("text"));
     EXPECT_EQ(*vt::decodeAnswerBody("42", nullptr), boost::json::value(42));
     EXPECT_EQ(*vt::decodeAnswerBody(" [1, 2] ", nullptr), boost::json::parse("[1,2]"));
+}
+
+TEST(AnswerDecoding, ReadsEveryNumberAsItsNearestValue) {
+    // Zeros with huge exponents once came out as NaN, and some large exponents a step off.
+    const auto numbers = vt::decodeAnswerBody(
+        "[0e400, -0e999, 7E301, 1e400, 1e-400, 0.1, -12, 18446744073709551615]", nullptr);
+    ASSERT_TRUE(numbers);
+    const boost::json::array expected{0.0, -0.0, 7e301, HUGE_VAL,
+                                      0.0, 0.1,  -12,   18446744073709551615u};
+    ASSERT_EQ(numbers->as_array().size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(numbers->as_array()[i], expected[i]) << i;
+    }
+    EXPECT_TRUE(std::signbit(numbers->as_array()[1].as_double()));
+}
+
+TEST(AnswerDecoding, RefusesDataAfterTheValue) {
+    VTError error;
+    EXPECT_FALSE(vt::decodeAnswerBody(R"({"a":1} {"b":2})", &error));
+    EXPECT_EQ(error.domain, VTHTTPErrorDomain);
+    EXPECT_EQ(error.description(), R"({"a":1} {"b":2})");
 }
 
 TEST(AnswerDecoding, ReportsTextAsAnHttpErrorAndBinaryAsAJsonError) {

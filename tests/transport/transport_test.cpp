@@ -82,6 +82,20 @@ TEST_F(TheTransport, PostsCompactJsonWithItsLengthAndType) {
     EXPECT_FALSE(request.header("Authorization")) << "no token, no Authorization header";
 }
 
+TEST_F(TheTransport, KeepsOneConnectionAliveAcrossRequestsAndFailedAnswers) {
+    host.expect("GET", "/user", Response::json(R"({"login":"octo"})"));
+    host.expect("POST", "/graphql", Response::json(R"({"errors":[{"message":"bad query"}]})"));
+    host.expect("DELETE", "/k/1", Response::json(R"({"message":"Not Found"})", 404));
+    host.expect("GET", "/user", Response::json(R"({"login":"octo"})"));
+    VTToken token = bearer("t");
+    const VTUrl user = urlOf(host.url("/user"));
+    EXPECT_TRUE(adapter.jsonGetWithUrl(user, token, nullptr, nullptr));
+    EXPECT_FALSE(adapter.jsonPostWithUrl(urlOf(host.url("/graphql")), parse("{}"), token, nullptr));
+    EXPECT_FALSE(adapter.jsonDeleteWithUrl(urlOf(host.url("/k/1")), token, nullptr));
+    EXPECT_TRUE(adapter.jsonGetWithUrl(user, token, nullptr, nullptr));
+    EXPECT_EQ(host.connectionCount(), 1u);
+}
+
 TEST_F(TheTransport, AcceptsAnEmpty204OnlyForDelete) {
     Response empty;
     empty.status = 204;

@@ -120,6 +120,7 @@ struct FakeHost::Impl {
     std::vector<Request> requests;
     std::vector<std::string> unmatched;
     std::vector<int> connections;  // open connection descriptors, shut down on stop
+    std::size_t accepted = 0;
     std::vector<std::thread> workers;
 
     void acceptLoop();
@@ -269,6 +270,7 @@ void FakeHost::Impl::acceptLoop() {
             break;
         }
         connections.push_back(fd);
+        ++accepted;
         workers.emplace_back([this, fd] { serve(fd); });
     }
 }
@@ -350,6 +352,11 @@ std::vector<Request> FakeHost::requests() const {
 std::size_t FakeHost::requestCount() const {
     std::lock_guard lock(impl_->mutex);
     return impl_->requests.size();
+}
+
+std::size_t FakeHost::connectionCount() const {
+    std::lock_guard lock(impl_->mutex);
+    return impl_->accepted;
 }
 
 std::vector<std::string> FakeHost::problems() const {

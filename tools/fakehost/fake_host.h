@@ -60,6 +60,8 @@ public:
 
     std::vector<Request> requests() const;  // every request received, in arrival order
     std::size_t requestCount() const;
+    // Connections accepted so far: a client that keeps its connection alive opens one.
+    std::size_t connectionCount() const;
     // One line per problem: requests nobody answered, expectations never used. Empty when clean.
     std::vector<std::string> problems() const;
 
