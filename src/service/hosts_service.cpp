@@ -178,12 +178,7 @@ VTReplyDictionary VTHostsService::getPullRequestsWithUrl(const VTUrl& url, std::
     VTReplyDictionary reply;
     forward(url, type, token, reply, [&](VTHost& host, VTToken& live, VTError* error) {
         if (auto pullRequests = host.pullRequestsWithUrl(url, live, error)) {
-            boost::json::array records;
-            records.reserve(pullRequests->size());
-            for (const VTPullRequest& pullRequest : *pullRequests) {
-                records.emplace_back(pullRequest.toValue());
-            }
-            reply.set("pullRequests", std::move(records));
+            reply.setPullRequests("pullRequests", std::move(*pullRequests));
         }
     });
     return reply;

@@ -12,6 +12,16 @@ void VTReplyDictionary::setConversation(std::string_view key, VTConversation con
     slot(key) = std::move(conversation);
 }
 
+void VTReplyDictionary::setPullRequests(std::string_view key,
+                                        std::vector<VTPullRequest> pullRequests) {
+    VTConversation records;
+    records.reserve(pullRequests.size());
+    for (VTPullRequest& pullRequest : pullRequests) {
+        records.emplace_back(std::move(pullRequest));
+    }
+    slot(key) = std::move(records);
+}
+
 void VTReplyDictionary::setRefreshedToken(const std::optional<VTToken>& token) {
     if (token) {
         set("refreshedToken", *token);

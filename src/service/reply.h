@@ -19,13 +19,15 @@
 
 class VTReplyDictionary {
 public:
-    // A conversation is kept as records and written straight into the message, so that a large one
-    // costs no intermediate value tree.
+    // A conversation, and the pull request list, are kept as records and written straight into
+    // the message, so that a large one costs no intermediate value tree.
     using Entry = std::variant<boost::json::value, VTConversation>;
 
     // Sets `key`, replacing an entry of that name.
     void set(std::string_view key, boost::json::value value);
     void setConversation(std::string_view key, VTConversation conversation);
+    // The same 'av' of records that set() of their values would write.
+    void setPullRequests(std::string_view key, std::vector<VTPullRequest> pullRequests);
     // "refreshedToken", only when there is one.
     void setRefreshedToken(const std::optional<VTToken>& token);
     // "error", only when `error` is an error.

@@ -188,6 +188,11 @@ TEST_F(ServiceRequests, EveryRequestCallsItsAdapterOperationWithItsArgumentsAndA
         for (const std::string& key : request.resultKeys) {
             EXPECT_TRUE(outcome.reply->contains(key)) << key;
         }
+        // The list is written from the records themselves: it must read as their value form.
+        if (request.member == std::string("GetPullRequestsWithUrl")) {
+            EXPECT_EQ(outcome.reply->at("pullRequests"),
+                      boost::json::array{samplePullRequest(1).toValue()});
+        }
     }
 }
 

@@ -125,7 +125,8 @@ struct FakeHost::Impl {
 
     void acceptLoop();
     void serve(int fd);
-    Response answer(const Request& request);
+    // Records `request` (its index in `requests` goes to `index`) and finds its answer.
+    Response answer(Request request, std::size_t& index);
     // Reads one request from `fd`, keeping leftover bytes in `buffer`. False at the end.
     bool readRequest(int fd, std::string& buffer, Request& request);
 };
@@ -195,10 +196,11 @@ bool FakeHost::Impl::readRequest(int fd, std::string& buffer, Request& request) 
     return true;
 }
 
-Response FakeHost::Impl::answer(const Request& request) {
+Response FakeHost::Impl::answer(Request request, std::size_t& index) {
     std::function<std::optional<Response>(const Request&)> fallback;
     {
         std::lock_guard lock(mutex);
+        index = requests.size();
         requests.push_back(request);
         for (auto& expectation : expectations) {
             if (!expectation.used && expectation.match(request)) {
@@ -225,7 +227,9 @@ void FakeHost::Impl::serve(int fd) {
     std::string buffer;
     Request request;
     while (!stopping && readRequest(fd, buffer, request)) {
-        Response response = answer(request);
+        request.received = std::chrono::steady_clock::now();
+        std::size_t index = 0;
+        Response response = answer(std::move(request), index);
         if (response.delay.count() > 0) {
             std::unique_lock lock(mutex);
             if (stopped.wait_for(lock, response.delay, [&] { return stopping.load(); })) {
@@ -245,6 +249,9 @@ void FakeHost::Impl::serve(int fd) {
         if (!sendAll(fd, text)) {
             break;
         }
+        const auto answered = std::chrono::steady_clock::now();
+        std::lock_guard lock(mutex);
+        requests[index].answered = answered;
     }
     std::lock_guard lock(mutex);
     connections.erase(std::remove(connections.begin(), connections.end(), fd), connections.end());

@@ -25,6 +25,11 @@ struct Request {
     std::string target;  // path and query, as sent
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
+    // When the whole request had been read, and when its answer had been handed to the socket
+    // (unset when the host closed the connection instead). Their difference is the host's own
+    // share of the exchange.
+    std::chrono::steady_clock::time_point received;
+    std::optional<std::chrono::steady_clock::time_point> answered;
 
     // The value of the first header of that name (case-insensitive), or nullopt.
     std::optional<std::string> header(std::string_view name) const;

@@ -1,0 +1,91 @@
+// Renders a vthosts reply (JSON on standard input) as text for a person:
+//   node scripts/demo-render.js profile|repositories|ssh-keys|pull-requests|conversation
+// and, for the demonstration's own use, writes a pull request record for later requests:
+//   node scripts/demo-render.js pick NUMBER URL HOST-TYPE < pull-requests reply
+//   node scripts/demo-render.js record < conversation reply (the updated record, with its id)
+"use strict";
+
+const [kind, ...rest] = process.argv.slice(2);
+const reply = JSON.parse(require("fs").readFileSync(0, "utf8"));
+const out = [];
+const say = (text = "") => out.push(text);
+const pad = (text, width) => String(text).padEnd(width);
+const indent = (text, by) =>
+    String(text).split("\n").map((line) => " ".repeat(by) + line).join("\n");
+// "2024-06-18T05:22:23Z" -> "2024-06-18 05:22 UTC"
+const when = (iso) => (iso ? iso.replace("T", " ").replace(/:\d\dZ$/, " UTC") : "(no date)");
+
+if (reply.error) {
+    say(`  error: ${reply.error.userInfo?.description ?? JSON.stringify(reply.error)}`);
+} else if (kind === "profile") {
+    const p = reply.profile;
+    const rows = [["Member since", p.createdAt], ["E-mail", p.email], ["Location", p.location],
+                  ["Company", p.company], ["Bio", p.bio], ["Profile", p.profileUrl],
+                  ["Website", p.websiteUrl],
+                  ["Organizations", (p.organizations || "(none)").split("\n").join(", ")]];
+    for (const [label, value] of rows) {
+        if (value) say(`  ${pad(label, 15)}${value}`);
+    }
+} else if (kind === "repositories") {
+    for (const [login, owner] of Object.entries(reply.repositories)) {
+        say(`  ${login}${owner.name ? ` (${owner.name})` : ""}`);
+        if (owner.namespaces) {
+            say(`    may create repositories in: ${owner.namespaces.map((n) => n.name).join(", ")}`);
+        }
+        for (const r of owner.repositories) {
+            const facts = [r.private ? "private" : "public", `★ ${r.starsCount ?? 0}`,
+                           `forks ${r.forksCount ?? 0}`].join("  ");
+            say(`    ${pad(r.name, 17)}${pad(facts, 28)}${r.description ?? ""}`);
+            say(`    ${" ".repeat(17)}${r.updatedAt ?? ""}${r.parent ? ` · ${r.parent}` : ""}`);
+            say(`    ${" ".repeat(17)}${(r.urls || []).join("  ")}`);
+        }
+    }
+} else if (kind === "ssh-keys") {
+    for (const k of reply.keys) {
+        say(`  ${pad(k.title, 18)}MD5 ${k.fingerprint}  added ${k.createdAt}  (id ${k.id})`);
+    }
+} else if (kind === "pull-requests") {
+    for (const pr of reply.pullRequests) {
+        say(`  #${pr.number}  ${pad(pr.title, 40)} by ${pad(pr.author, 15)} ${when(pr.date)}`);
+        say(`        ${pr.baseReference} ← ${pr.headReference}`);
+    }
+} else if (kind === "conversation") {
+    const [pr, description, ...items] = reply.conversation;
+    const merge = ["can be merged", "has conflicts", "mergeability not known yet"][pr.mergeable];
+    say(`  #${pr.number} ${pr.title ?? ""}  ${pr.webUrl}`);
+    say(`  ${pr.merged ? "merged" : merge}; you may${pr.editable ? "" : " not"} edit, close and merge`);
+    say(`  assignees: ${(pr.assignees || []).map((a) => a.author).join(", ") || "none"}`);
+    say(`  labels:    ${(pr.labels || []).map((l) => `${l.name} (#${l.color})`).join(", ") || "none"}`);
+    say();
+    say(`  ${when(description.date)}  ${description.author ?? "the author"} opened it:`);
+    say(indent(description.content ?? "", 6));
+    for (const item of items) {
+        if (item === true) {
+            say();
+            say("  (you may comment)");
+        } else if (item.$class === "VTPullRequestComment") {
+            say(`  ${when(item.date)}  ${item.author} commented:`);
+            say(indent(item.content ?? "", 6));
+        } else if (item.$class === "VTPullRequestCommits") {
+            const commits = item.commits || [];
+            const who = commits[0]?.author ?? "someone without an account";
+            say(`  ${when(commits[0]?.date)}  ${who} added ${commits.length} commit${commits.length === 1 ? "" : "s"}:`);
+            for (const c of commits) say(`      ${c.oid.slice(0, 7)} ${c.message}`);
+        }
+    }
+} else if (kind === "pick") {
+    // The client keeps where a listed pull request came from; so does this record.
+    const [number, url, type] = rest;
+    const pr = reply.pullRequests.find((candidate) => String(candidate.number) === number);
+    if (!pr) {
+        console.error(`demo: pull request #${number} is not listed`);
+        process.exit(1);
+    }
+    say(JSON.stringify({...pr, remoteUrl: url, hostType: Number(type)}));
+} else if (kind === "record") {
+    say(JSON.stringify(reply.conversation[0]));
+} else {
+    console.error(`demo-render: unknown kind '${kind}'`);
+    process.exit(2);
+}
+console.log(out.join("\n"));

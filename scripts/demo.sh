@@ -1,0 +1,136 @@
+#!/usr/bin/env bash
+# The main job, from a fresh Debian 12 machine: set-up, the build, then the hosts service at work
+# against the bundled sample GitHub. A private session bus (never the user's own) activates the
+# service binary just built on the first call; vthosts asks it for the profile, the repositories,
+# the SSH keys, the open pull requests and one pull request's conversation, and adds a comment.
+# Everything it starts is ended on exit, Ctrl-C included.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+
+bash scripts/setup.sh
+echo "== building (build/)"
+bash scripts/build.sh build
+
+build="$root/build"
+vthosts="$build/tools/vthosts/vthosts"
+work=$(mktemp -d)
+sample_pid=""
+daemon_pid=""
+bus_address="unix:path=$work/bus"
+service_name=com.veldtrack.Veldtrack.HostsService
+
+# Waits up to five seconds for process $1 to end.
+wait_gone() {
+    for _ in $(seq 50); do
+        kill -0 "$1" 2>/dev/null || return 0
+        sleep 0.1
+    done
+    return 1
+}
+
+cleanup() {
+    local status=$?
+    trap - EXIT INT TERM
+    if [ -n "$daemon_pid" ]; then
+        # The service is the daemon's grandchild: ask the bus who owns the name.
+        local service_pid
+        service_pid=$(dbus-send --address="$bus_address" --print-reply --dest=org.freedesktop.DBus \
+            /org/freedesktop/DBus org.freedesktop.DBus.GetConnectionUnixProcessID \
+            "string:$service_name" 2>/dev/null | awk '/uint32/ {print $2}') || true
+        if [ -n "$service_pid" ]; then
+            kill -TERM "$service_pid" 2>/dev/null || true
+            wait_gone "$service_pid" || kill -KILL "$service_pid" 2>/dev/null || true
+        fi
+        kill -TERM "$daemon_pid" 2>/dev/null || true
+        wait "$daemon_pid" 2>/dev/null || true
+    fi
+    if [ -n "$sample_pid" ]; then
+        kill -TERM "$sample_pid" 2>/dev/null || true
+        wait "$sample_pid" 2>/dev/null || true
+    fi
+    rm -rf "$work"
+    exit "$status"
+}
+trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+# Waits up to ten seconds for file $1 to hold a line matching $2.
+wait_for_line() {
+    for _ in $(seq 100); do
+        grep -q "$2" "$1" 2>/dev/null && return 0
+        sleep 0.1
+    done
+    echo "demo: gave up waiting for $1" >&2
+    cat "$1" >&2 || true
+    return 1
+}
+
+echo "== starting the sample GitHub"
+"$build/tools/samplehosts/vt-sample-hosts" >"$work/sample.out" 2>&1 &
+sample_pid=$!
+wait_for_line "$work/sample.out" '^VELDTRACK_CONNECT_TO='
+sed 's/^/  /' "$work/sample.out"
+connect_to=$(sed -n 's/^VELDTRACK_CONNECT_TO=//p' "$work/sample.out")
+fork_number=$(sed -n 's/.*from a fork #\([0-9]*\).*/\1/p' "$work/sample.out")
+
+echo "== starting a private session bus that activates build/src/service/veldtrack-hosts-service"
+cat >"$work/bus.conf" <<EOF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>$bus_address</listen>
+  <auth>EXTERNAL</auth>
+  <servicedir>$build/dbus-1/services</servicedir>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+EOF
+# From here on every client, and the service the daemon starts, uses this bus. The daemon's
+# environment is the activation environment: it routes the sample's API name to the sample host.
+export DBUS_SESSION_BUS_ADDRESS="$bus_address"
+VELDTRACK_CONNECT_TO="$connect_to" dbus-daemon --config-file="$work/bus.conf" --nofork \
+    --print-address=1 >"$work/bus.out" 2>"$work/daemon.log" &
+daemon_pid=$!
+wait_for_line "$work/bus.out" '^unix:'
+echo "  $bus_address (VELDTRACK_CONNECT_TO=$connect_to for the services it starts)"
+
+# The sample's public demo token, handed over in the environment (never on a command line).
+export VELDTRACK_TOKEN=sample-github-demo-token
+site=http://github.test
+repository=http://github.test/openkiln/kiln
+render() { node "$root/scripts/demo-render.js" "$@"; }
+ask() { "$vthosts" "$@" --compact; }
+
+echo
+echo "== profile:  vthosts profile --url $site --host github"
+ask profile --url "$site" --host github | render profile
+echo
+echo "== repositories:  vthosts repositories --url $site --host github"
+ask repositories --url "$site" --host github | render repositories
+echo
+echo "== SSH keys:  vthosts ssh-keys --url $site --host github"
+ask ssh-keys --url "$site" --host github | render ssh-keys
+echo
+echo "== open pull requests:  vthosts pull-requests $repository --host github"
+ask pull-requests "$repository" --host github >"$work/pull-requests.json"
+render pull-requests <"$work/pull-requests.json"
+echo
+echo "== conversation of #$fork_number:  vthosts conversation --pull-request FILE"
+render pick "$fork_number" "$repository" 1 <"$work/pull-requests.json" >"$work/pull-request.json"
+ask conversation --pull-request "$work/pull-request.json" >"$work/conversation.json"
+render conversation <"$work/conversation.json"
+# Actions take the record as the conversation left it: it now carries the pull request's id.
+render record <"$work/conversation.json" >"$work/pull-request.json"
+echo
+echo "== a comment:  vthosts comment --pull-request FILE --message TEXT, then the conversation's end"
+ask comment --pull-request "$work/pull-request.json" \
+    --message "Tried it on the sample tiles: works for me." >/dev/null
+ask conversation --pull-request "$work/pull-request.json" | render conversation | tail -n 4
+echo
+echo "demo: done"
