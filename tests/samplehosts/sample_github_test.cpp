@@ -4,7 +4,7 @@
 
 #include "samplehosts/sample_github.h"
 #include "hosts/github/github_host.h"
-#include "scoped_variable.h"
+#include "scratch.h"
 
 #include <gtest/gtest.h>
 #include <boost/json/parse.hpp>
