@@ -1,7 +1,7 @@
 // Renders a vthosts reply (JSON on standard input) as text for a person:
 //   node scripts/demo-render.js profile|repositories|ssh-keys|pull-requests|conversation
 // and, for the demonstration's own use, writes a pull request record for later requests:
-//   node scripts/demo-render.js pick NUMBER URL HOST-TYPE < pull-requests reply
+//   node scripts/demo-render.js pick NUMBER < pull-requests reply
 //   node scripts/demo-render.js record < conversation reply (the updated record, with its id)
 "use strict";
 
@@ -74,14 +74,13 @@ if (reply.error) {
         }
     }
 } else if (kind === "pick") {
-    // The client keeps where a listed pull request came from; so does this record.
-    const [number, url, type] = rest;
+    const [number] = rest;
     const pr = reply.pullRequests.find((candidate) => String(candidate.number) === number);
     if (!pr) {
         console.error(`demo: pull request #${number} is not listed`);
         process.exit(1);
     }
-    say(JSON.stringify({...pr, remoteUrl: url, hostType: Number(type)}));
+    say(JSON.stringify(pr));
 } else if (kind === "record") {
     say(JSON.stringify(reply.conversation[0]));
 } else {

@@ -122,7 +122,7 @@ ask pull-requests "$repository" --host github >"$work/pull-requests.json"
 render pull-requests <"$work/pull-requests.json"
 echo
 echo "== conversation of #$fork_number:  vthosts conversation --pull-request FILE"
-render pick "$fork_number" "$repository" 1 <"$work/pull-requests.json" >"$work/pull-request.json"
+render pick "$fork_number" <"$work/pull-requests.json" >"$work/pull-request.json"
 ask conversation --pull-request "$work/pull-request.json" >"$work/conversation.json"
 render conversation <"$work/conversation.json"
 # Actions take the record as the conversation left it: it now carries the pull request's id.

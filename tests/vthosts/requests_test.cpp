@@ -4,6 +4,7 @@
 #include "records/records.h"
 
 #include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
 
 #include <gtest/gtest.h>
 
@@ -200,6 +201,30 @@ TEST_F(PullRequestByNumber, ConversationIsOneRequest) {
     ASSERT_EQ(harness.run({"conversation", kRepository, "--number", "7"}), kSuccess);
     ASSERT_EQ(harness.sent.size(), 1u);
     EXPECT_EQ(boost::json::parse(harness.out).at("conversation").as_array().size(), 2u);
+}
+
+// The host's list does not say where its pull requests live; a listed record passed back later
+// must still reach its host.
+TEST_F(PullRequestByNumber, ListedRecordsCarryTheirRepositoryToLaterCommands) {
+    VTPullRequest listed;
+    listed.number = 7;
+    listed.title = "Fix the build";
+    harness.outcomes.push_back(replying({{"pullRequests", boost::json::array{listed.toValue()}}}));
+    ASSERT_EQ(harness.run({"pull-requests", kRepository, "--host", "github"}), kSuccess)
+        << harness.err;
+    const boost::json::value record = boost::json::parse(harness.out).at("pullRequests").at(0);
+
+    TemporaryFolder folder;
+    const std::string file = folder.write("pr.json", boost::json::serialize(record));
+    harness.outcomes.push_back(replying({}));
+    ASSERT_EQ(harness.run({"comment", "--pull-request", file, "--message", "Thanks"}), kSuccess)
+        << harness.err;
+    auto sent =
+        VTPullRequest::fromValue(std::get<boost::json::object>(harness.sent.back().arguments[1]));
+    ASSERT_TRUE(sent);
+    EXPECT_EQ(sent->remoteUrl, kRepository);
+    EXPECT_EQ(sent->hostType, 1);
+    EXPECT_EQ(sent->number, 7);
 }
 
 TEST_F(PullRequestByNumber, ThatDoesNotLoadIsNotActedOn) {

@@ -9,6 +9,29 @@ namespace vt::client {
 
 namespace {
 
+// Listed pull requests do not say where they live: the host's list has no such field. A record
+// that is passed back later (`--pull-request FILE`) needs its repository and host type to find
+// its host, so they are filled in from the request, as the desktop client does.
+void addRepository(boost::json::object& reply, const Request& request) {
+    auto* list = reply.if_contains("pullRequests");
+    const auto* url = std::get_if<std::string>(&request.arguments.at(0));
+    const auto* type = std::get_if<std::int64_t>(&request.arguments.at(1));
+    if (list == nullptr || !list->is_array() || url == nullptr || type == nullptr) {
+        return;
+    }
+    for (boost::json::value& item : list->get_array()) {
+        if (auto* record = item.if_object()) {
+            if (!record->contains("remoteUrl")) {
+                (*record)["remoteUrl"] = *url;
+            }
+            const auto* hostType = record->if_contains("hostType");
+            if (hostType == nullptr || (hostType->is_int64() && hostType->get_int64() == 0)) {
+                (*record)["hostType"] = *type;
+            }
+        }
+    }
+}
+
 int usageError(Console& console, const std::string& problem, const Invocation* invocation) {
     console.err << "vthosts: " << problem << "\n";
     if (invocation != nullptr && invocation->command != nullptr) {
@@ -129,6 +152,9 @@ int Execution::showFailure(const CallOutcome& outcome) {
 
 int Execution::showReply(boost::json::object reply) {
     const bool signIn = plan_.request.member == "SignInWithUrl";
+    if (plan_.request.member == "GetPullRequestsWithUrl") {
+        addRepository(reply, plan_.request);
+    }
     if (auto token = tokenInReply(reply)) {
         takeToken(*token);
     } else if (newToken_ && !reply.contains("refreshedToken")) {

@@ -42,8 +42,8 @@ const std::vector<OptionSpec>& optionSpecs() {
         {"key-file", "FILE", "the public key file ('-' for standard input)"},
         {"title", "TEXT", "the title (for a key, default: the key's comment)"},
         {"pull-request", "FILE",
-         "the pull request record ('-' for standard input), as printed by `pull-requests` or "
-         "`conversation`"},
+         "the pull request record ('-' for standard input): one element of the list "
+         "`pull-requests` prints, or the first item of a `conversation`"},
         {"number", "N", "the pull request's number in the repository at URL"},
         {"message", "TEXT", "the text"},
         {"message-file", "FILE", "read the text from FILE ('-' for standard input)"},
