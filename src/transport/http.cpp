@@ -4,6 +4,7 @@
 
 #include <curl/curl.h>
 
+#include <array>
 #include <cctype>
 #include <cstdlib>
 #include <memory>
@@ -30,6 +31,50 @@ void append(HeaderList& list, const std::string& line) {
         list.release();
         list.reset(grown);
     }
+}
+
+// What every thread's handle shares: DNS answers and TLS sessions, so that a client whose worker
+// thread is new still resumes the TLS session an earlier thread made. Connections are not shared:
+// libcurl's shared connection cache is not meant for handles running at the same time.
+class Share {
+public:
+    Share() : share_(curl_share_init()) {
+        if (share_ == nullptr) {
+            return;
+        }
+        curl_share_setopt(share_, CURLSHOPT_LOCKFUNC, lock);
+        curl_share_setopt(share_, CURLSHOPT_UNLOCKFUNC, unlock);
+        curl_share_setopt(share_, CURLSHOPT_USERDATA, this);
+        curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+        curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    }
+    // Runs after every thread's handle is gone; libcurl refuses (and keeps the data) while a
+    // handle still uses it.
+    ~Share() { curl_share_cleanup(share_); }
+    Share(const Share&) = delete;
+    Share& operator=(const Share&) = delete;
+
+    CURLSH* get() const { return share_; }
+
+private:
+    static void lock(CURL*, curl_lock_data data, curl_lock_access, void* context) {
+        static_cast<Share*>(context)->mutexFor(data).lock();
+    }
+    static void unlock(CURL*, curl_lock_data data, void* context) {
+        static_cast<Share*>(context)->mutexFor(data).unlock();
+    }
+    std::mutex& mutexFor(curl_lock_data data) {
+        const auto index = static_cast<std::size_t>(data);
+        return mutexes_[index < mutexes_.size() ? index : 0];
+    }
+
+    CURLSH* share_;
+    std::array<std::mutex, CURL_LOCK_DATA_LAST> mutexes_;
+};
+
+CURLSH* sharedData() {
+    static Share share;
+    return share.get();
 }
 
 // The thread's own handle; reset between requests so that its connection cache is what remains.
@@ -146,6 +191,9 @@ Exchange perform(std::string_view method, const std::string& url,
     char errorText[CURL_ERROR_SIZE] = {};
     curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    if (CURLSH* share = sharedData()) {
+        curl_easy_setopt(handle, CURLOPT_SHARE, share);
+    }
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, kTimeoutMilliseconds);
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);

@@ -6,7 +6,10 @@
 #include <boost/json/parse.hpp>
 #include <boost/url/parse.hpp>
 
+#include <atomic>
 #include <cstdlib>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -94,6 +97,38 @@ TEST_F(TheTransport, KeepsOneConnectionAliveAcrossRequestsAndFailedAnswers) {
     EXPECT_FALSE(adapter.jsonDeleteWithUrl(urlOf(host.url("/k/1")), token, nullptr));
     EXPECT_TRUE(adapter.jsonGetWithUrl(user, token, nullptr, nullptr));
     EXPECT_EQ(host.connectionCount(), 1u);
+}
+
+// Requests of different clients run on different threads at once: each thread keeps its own
+// connection, and what the threads share (DNS answers, TLS sessions) stays consistent.
+TEST_F(TheTransport, ServesThreadsAtOnceEachOnItsOwnKeptConnection) {
+    host.setHandler([](const vt::fake::Request& request) -> std::optional<Response> {
+        if (request.target != "/user") {
+            return std::nullopt;
+        }
+        return Response::json(R"({"login":"octo"})");
+    });
+    constexpr int kThreads = 4;
+    constexpr int kRequests = 25;
+    std::atomic<int> answered{0};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&] {
+            VTHost own;
+            VTToken token = bearer("t");
+            const VTUrl user = urlOf(host.url("/user"));
+            for (int request = 0; request < kRequests; ++request) {
+                if (own.jsonGetWithUrl(user, token, nullptr, nullptr)) {
+                    ++answered;
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(answered, kThreads * kRequests);
+    EXPECT_EQ(host.connectionCount(), static_cast<std::size_t>(kThreads));
 }
 
 TEST_F(TheTransport, AcceptsAnEmpty204OnlyForDelete) {
