@@ -21,6 +21,7 @@
 #include "records/wire.h"
 #include "samplehosts/sample_github.h"
 #include "service/bus_names.h"
+#include "statistics.h"
 
 #include <benchmark/benchmark.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -41,6 +42,8 @@
 #include <vector>
 
 namespace {
+
+using vt::bench::median;
 
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
@@ -144,12 +147,6 @@ Call measure(const char* member, const std::function<void(sdbus::MethodCall&)>& 
     }
     measured.tail = Milliseconds(end - previous).count();
     return measured;
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    const std::size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
 std::vector<std::string> summary;

@@ -10,6 +10,7 @@
 #include "records/records.h"
 #include "service/bus_names.h"
 #include "service/reply.h"
+#include "statistics.h"
 
 #include <benchmark/benchmark.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -23,6 +24,8 @@
 #include <vector>
 
 namespace {
+
+using vt::bench::median;
 
 using Clock = std::chrono::steady_clock;
 
@@ -40,14 +43,6 @@ void trivialRequest(sdbus::IProxy& proxy) {
 
 std::unique_ptr<sdbus::IProxy> serviceProxy(sdbus::IConnection& connection) {
     return sdbus::createProxy(connection, vt::bus::kServiceName, vt::bus::kObjectPath);
-}
-
-double median(std::vector<double> values) {
-    if (values.empty()) {
-        return 0;
-    }
-    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
-    return values[values.size() / 2];
 }
 
 // One client or several (one thread and one connection each) sending trivial requests back to

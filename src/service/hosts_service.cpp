@@ -1,6 +1,7 @@
 #include "service/hosts_service.h"
 
-#include <openssl/evp.h>
+#include "transport/utilities/utilities.h"
+
 #include <boost/json/array.hpp>
 #include <boost/url/parse.hpp>
 
@@ -28,15 +29,6 @@ VTUrl remoteUrlOf(const VTPullRequest& pullRequest) {
         }
     }
     return VTUrl();
-}
-
-std::string base64(std::string_view text) {
-    std::string encoded(4 * ((text.size() + 2) / 3) + 1, '\0');
-    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(encoded.data()),
-                                       reinterpret_cast<const unsigned char*>(text.data()),
-                                       static_cast<int>(text.size()));
-    encoded.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
-    return encoded;
 }
 
 }  // namespace
@@ -72,7 +64,7 @@ void VTHostsService::forward(const VTPullRequest& pullRequest, VTToken& token,
 VTToken VTHostsService::signInToken(const std::string& username, const std::string& password) {
     if (!username.empty()) {
         return VTToken{{"token_type", "Basic"},
-                       {"access_token", base64(username + ":" + password)}};
+                       {"access_token", vt::base64String(username + ":" + password)}};
     }
     return VTToken{{"token_type", "Bearer"}, {"access_token", password}};
 }

@@ -46,6 +46,20 @@ TEST(DataWithString, RefusesOddLengthsAndEveryNonDigit) {
     }
 }
 
+TEST(Base64, PadsWithoutLineBreaksReadsBackAndRefusesLooseText) {
+    EXPECT_EQ(vt::base64String("u:p"), "dTpw");
+    EXPECT_EQ(vt::base64String("ab"), "YWI=");
+    // Long enough that a line-breaking encoder would break it.
+    const std::string long_(100, 'x');
+    const std::string text = vt::base64String(long_);
+    EXPECT_EQ(text.find('\n'), std::string::npos);
+    EXPECT_EQ(vt::dataWithBase64(text), VTData(long_.begin(), long_.end()));
+    EXPECT_EQ(vt::dataWithBase64("YWI="), (VTData{'a', 'b'}));
+    for (const std::string_view loose : {"YWI", " YWI=", "YWI=\n", "Y=I=", "YW*="}) {
+        EXPECT_EQ(vt::dataWithBase64(loose), std::nullopt) << loose;
+    }
+}
+
 TEST(HexString, WritesEveryByteAsTwoLowercaseDigitsAndReadsBack) {
     EXPECT_EQ(vt::hexString(VTData{0x00, 0xff}), "00ff");
     EXPECT_EQ(vt::hexString(VTData{}), "");

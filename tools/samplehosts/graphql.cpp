@@ -1,6 +1,7 @@
 #include "samplehosts/graphql.h"
 
 #include "samplehosts/text.h"
+#include "transport/utilities/utilities.h"
 
 #include <boost/json/array.hpp>
 
@@ -564,17 +565,21 @@ boost::json::object errorAnswer(std::string_view message) {
 }
 
 std::string cursorAt(std::size_t index) {
-    return base64(std::string(kCursorPrefix) + std::to_string(index));
+    return vt::base64String(std::string(kCursorPrefix) + std::to_string(index));
 }
 
 std::optional<std::size_t> indexOfCursor(std::string_view cursor) {
-    auto text = fromBase64(cursor);
-    if (!text || !text->starts_with(kCursorPrefix)) {
+    const std::optional<VTData> bytes = vt::dataWithBase64(cursor);
+    if (!bytes) {
+        return std::nullopt;
+    }
+    const std::string text(bytes->begin(), bytes->end());
+    if (!text.starts_with(kCursorPrefix)) {
         return std::nullopt;
     }
     std::size_t index = 0;
-    const char* digits = text->data() + kCursorPrefix.size();
-    const char* end = text->data() + text->size();
+    const char* digits = text.data() + kCursorPrefix.size();
+    const char* end = text.data() + text.size();
     auto [stop, fault] = std::from_chars(digits, end, index);
     if (fault != std::errc() || stop != end || digits == end) {
         return std::nullopt;

@@ -2,6 +2,7 @@
 
 #include "samplehosts/graphql.h"
 #include "samplehosts/text.h"
+#include "transport/utilities/utilities.h"
 
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
@@ -149,7 +150,7 @@ std::string nodeId(std::string_view prefix, std::uint64_t seed) {
     for (std::size_t index = 0; index < bytes.size(); ++index) {
         bytes[index] = static_cast<char>(bits >> (8 * index));
     }
-    std::string text = std::string(prefix) + base64(bytes);
+    std::string text = std::string(prefix) + vt::base64String(bytes);
     std::replace(text.begin(), text.end(), '+', '-');
     std::replace(text.begin(), text.end(), '/', '_');
     return text;
@@ -217,7 +218,7 @@ std::string madeUpKey(std::uint64_t seed, std::string_view comment) {
     }
     appendString("ssh-ed25519");
     appendString(point);
-    return "ssh-ed25519 " + base64(blob) + " " + std::string(comment);
+    return "ssh-ed25519 " + vt::base64String(blob) + " " + std::string(comment);
 }
 
 // Whether a public key text is "type base64 [comment]" whose body names the same type.
@@ -229,7 +230,7 @@ bool isPublicKey(std::string_view text) {
     const std::string_view type = text.substr(0, space);
     std::string_view body = text.substr(space + 1);
     body = body.substr(0, body.find(' '));
-    auto blob = fromBase64(body);
+    const std::optional<VTData> blob = vt::dataWithBase64(body);
     if (!blob || blob->size() < 4 + type.size()) {
         return false;
     }
@@ -237,7 +238,8 @@ bool isPublicKey(std::string_view text) {
                                (static_cast<unsigned char>((*blob)[1]) << 16) |
                                (static_cast<unsigned char>((*blob)[2]) << 8) |
                                static_cast<unsigned char>((*blob)[3]);
-    return length == type.size() && blob->compare(4, length, type) == 0;
+    return length == type.size() &&
+           std::string_view(reinterpret_cast<const char*>(blob->data()) + 4, length) == type;
 }
 
 std::optional<std::string> stringArgument(const json::object& arguments, std::string_view name) {
@@ -805,6 +807,16 @@ std::optional<graphql::Built> SampleGitHub::State::lookup(const Site& site,
                                  ? std::string(typeName->get_string())
                                  : std::string();
     const json::object& arguments = field.arguments;
+    // repository(name:) of an owner: the repository, or null with GitHub's NOT_FOUND error.
+    auto repositoryOrFailure = [&](const std::string& owner) {
+        const std::string name = stringArgument(arguments, "name").value_or("");
+        if (const Repository* found = repository(owner, name)) {
+            return json::value(repositoryModel(site, *found));
+        }
+        failure = Failure{"NOT_FOUND", "Could not resolve to a Repository with the name '" + owner +
+                                           "/" + name + "'."};
+        return json::value(nullptr);
+    };
     if (type == "Mutation") {
         return mutate(site, field, failure);
     }
@@ -813,14 +825,7 @@ std::optional<graphql::Built> SampleGitHub::State::lookup(const Site& site,
             return json::value(viewerModel(site));
         }
         if (field.name == "repository") {
-            const std::string owner = stringArgument(arguments, "owner").value_or("");
-            const std::string name = stringArgument(arguments, "name").value_or("");
-            if (const Repository* found = repository(owner, name)) {
-                return json::value(repositoryModel(site, *found));
-            }
-            failure = Failure{"NOT_FOUND", "Could not resolve to a Repository with the name '" +
-                                               owner + "/" + name + "'."};
-            return json::value(nullptr);
+            return repositoryOrFailure(stringArgument(arguments, "owner").value_or(""));
         }
         if (field.name == "repositoryOwner") {
             // An unknown owner is null without an error.
@@ -831,14 +836,7 @@ std::optional<graphql::Built> SampleGitHub::State::lookup(const Site& site,
         return std::nullopt;
     }
     if ((type == "User" || type == "Organization") && field.name == "repository") {
-        const std::string owner(parent.at("login").as_string());
-        const std::string name = stringArgument(arguments, "name").value_or("");
-        if (const Repository* found = repository(owner, name)) {
-            return json::value(repositoryModel(site, *found));
-        }
-        failure = Failure{"NOT_FOUND", "Could not resolve to a Repository with the name '" + owner +
-                                           "/" + name + "'."};
-        return json::value(nullptr);
+        return repositoryOrFailure(std::string(parent.at("login").as_string()));
     }
     if (type != "Repository") {
         return std::nullopt;

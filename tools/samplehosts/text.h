@@ -1,6 +1,6 @@
 #pragma once
 
-// Small text helpers of the sample hosts: base64 and ISO 8601 times.
+// Small text helpers of the sample hosts: ISO 8601 times and deterministic numbers.
 
 #include <cstdint>
 #include <ctime>
@@ -9,10 +9,6 @@
 #include <string_view>
 
 namespace vt::sample {
-
-std::string base64(std::string_view bytes);
-// nullopt when `text` is not padded base64.
-std::optional<std::string> fromBase64(std::string_view text);
 
 // "yyyy-MM-ddTHH:mm:ssZ" of a moment in seconds since 1970 (UTC).
 std::string isoTime(std::time_t seconds);

@@ -88,6 +88,22 @@ std::optional<std::array<unsigned char, 16>> md5Digest(const VTData& bytes, VTEr
 
 }  // namespace
 
+std::string base64String(std::string_view bytes) {
+    if (bytes.size() > static_cast<std::size_t>(INT32_MAX) / 4 * 3) {
+        return std::string();
+    }
+    std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                                       reinterpret_cast<const unsigned char*>(bytes.data()),
+                                       static_cast<int>(bytes.size()));
+    text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return text;
+}
+
+std::optional<VTData> dataWithBase64(std::string_view text) {
+    return decodedBase64(text, nullptr);
+}
+
 std::optional<std::string> fingerprintWithKey(std::string_view key, VTError* error) {
     // "type body comment": the type word and the comment are dropped, only the body is hashed.
     std::size_t start = 0;

@@ -19,6 +19,12 @@ namespace vt {
 std::optional<std::string> fingerprintWithKey(std::string_view key, VTError* error);
 std::string quotesEscapedString(std::string_view text);
 
+// Bytes as base64 text, padded, without line breaks.
+std::string base64String(std::string_view bytes);
+// Strict base64 (the whole text, in groups of four, "=" only at the end) to bytes; nullopt for
+// any other text.
+std::optional<VTData> dataWithBase64(std::string_view text);
+
 // Hex text (either case) to bytes; nullopt for odd length, a non-hex or a non-ASCII character.
 std::optional<VTData> dataWithString(std::string_view hex);
 // Bytes to lowercase hex text.
