@@ -75,18 +75,4 @@ TEST_F(EndlessPaging, EndingAtTheBoundIsReadWhole) {
     EXPECT_EQ(fake.requestCount(), 2 * kMaxPages);
 }
 
-TEST(APageLimit, AdmitsPagesUpToTheBoundInEachLoopOfItsOwn) {
-    vt::PageLimit first;
-    VTError error;
-    std::size_t admitted = 1;  // the first page is read before the limit is asked
-    while (first.admitNext(&error)) {
-        ++admitted;
-        ASSERT_LE(admitted, kMaxPages);
-    }
-    EXPECT_EQ(admitted, kMaxPages);
-    EXPECT_EQ(error, kTooManyPages);
-    vt::PageLimit second;
-    EXPECT_TRUE(second.admitNext(nullptr));
-}
-
 }  // namespace

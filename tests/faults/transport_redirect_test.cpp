@@ -122,19 +122,6 @@ TEST_F(RedirectChains, FailAtTheSixthRedirectWithoutFollowingIt) {
     EXPECT_THAT(fake.problems(), IsEmpty());
 }
 
-TEST_F(RedirectChains, ThatLoopStopAtTheBoundToo) {
-    for (int hop = 0; hop < 6; ++hop) {
-        fake.expect("POST", "/loop", Response::redirect(307, "/loop"));
-    }
-    EXPECT_FALSE(adapter.jsonPostWithUrl(urlOf(fake.url("/loop")), boost::json::parse(kContent),
-                                         token, &error));
-    EXPECT_EQ(error.code, -1007);
-    for (const Request& request : fake.requests()) {
-        EXPECT_EQ(request.body, kContent);
-    }
-    EXPECT_THAT(fake.problems(), IsEmpty());
-}
-
 using GitHubRedirects = vt::testing::GitHubTest;
 
 TEST_F(GitHubRedirects, APostMovedFor302IsAskedAgainAsAGetAndAnswered) {
