@@ -234,9 +234,6 @@ Response FakeHost::Impl::answer(Request request, std::size_t& index) {
 }
 
 bool FakeHost::Impl::send(int fd, const Response& response) {
-    if (response.raw) {
-        return sendAll(fd, *response.raw);
-    }
     std::string head =
         "HTTP/1.1 " + std::to_string(response.status) + " " + statusText(response.status) + "\r\n";
     for (const auto& [name, value] : response.headers) {

@@ -43,8 +43,6 @@ struct Response {
     bool drop = false;                   // close the connection without answering
 
     // Misbehaviour, for tests of a client's limits:
-    // sent as it stands instead of the status line, headers and body;
-    std::optional<std::string> raw;
     // the status line and headers are sent, then nothing until the host goes away;
     bool silentAfterHeaders = false;
     // the status line, headers and this many bytes of the body are sent, then the connection is
