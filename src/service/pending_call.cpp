@@ -5,6 +5,7 @@
 #include <sdbus-c++/Error.h>
 
 #include <exception>
+#include <optional>
 #include <vector>
 
 VTPendingCall::VTPendingCall(sdbus::MethodCall call, VTPendingCalls& calls)
@@ -21,7 +22,15 @@ void VTPendingCall::reply(const VTReplyDictionary& reply) {
     }
     try {
         sdbus::MethodReply message = call_.createReply();
-        reply.appendTo(message);
+        if (std::optional<VTError> fault = reply.appendTo(message)) {
+            // The bus would refuse the reply, and drop the service with it: the client learns
+            // why from the error, and keeps a refreshed token.
+            message = call_.createReply();
+            if (reply.standIn(*fault).appendTo(message)) {
+                message = call_.createReply();
+                VTReplyDictionary().standIn(std::move(*fault)).appendTo(message);
+            }
+        }
         message.send();
     } catch (const std::exception& failure) {
         sendError(vt::bus::kFailedError,
