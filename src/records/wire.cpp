@@ -35,6 +35,9 @@ const std::string kVariantElement = "v";
 const std::string kDictionaryElement = "{sv}";
 const std::string kDictionaryEntry = "sv";
 
+// Why a text could not be read.
+constexpr char kRefusedText[] = "text that is not valid UTF-8 or holds a noncharacter";
+
 constexpr std::uint64_t kInt64Max =
     static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
 
@@ -622,7 +625,12 @@ public:
             message_.enterDictEntry(entry);
             std::string key;
             boost::json::value member;
-            if (!string(entry[0], key) || !value(member)) {
+            if (!string(entry[0], key)) {
+                fault_ = "a key holds " + fault_;
+                return false;
+            }
+            if (!value(member)) {
+                fault_ = "the value of key \"" + key + "\": " + fault_;
                 return false;
             }
             out.insert_or_assign(key, std::move(member));
@@ -672,18 +680,24 @@ private:
     }
 
     bool string(char type, std::string& out) {
-        if (type == 's') {
-            message_ >> out;
-        } else if (type == 'o') {
-            sdbus::ObjectPath path;
-            message_ >> path;
-            out = std::move(path);
-        } else if (type == 'g') {
-            sdbus::Signature signature;
-            message_ >> signature;
-            out = std::move(signature);
-        } else {
-            fault_ = std::string("'") + type + "' is not a string";
+        try {
+            if (type == 's') {
+                message_ >> out;
+            } else if (type == 'o') {
+                sdbus::ObjectPath path;
+                message_ >> path;
+                out = std::move(path);
+            } else if (type == 'g') {
+                sdbus::Signature signature;
+                message_ >> signature;
+                out = std::move(signature);
+            } else {
+                fault_ = std::string("'") + type + "' is not a string";
+                return false;
+            }
+        } catch (const sdbus::Error&) {
+            // The bus daemon passes noncharacters that sd-bus refuses to read.
+            fault_ = kRefusedText;
             return false;
         }
         return true;
