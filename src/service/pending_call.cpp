@@ -43,6 +43,10 @@ void VTPendingCall::reply(const VTReplyDictionary& reply) {
     calls_.sent();
 }
 
+void VTPendingCall::abandon() {
+    claim();
+}
+
 void VTPendingCall::fail(const std::string& name, const std::string& text) {
     if (claim()) {
         sendError(name, text);
