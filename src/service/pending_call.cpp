@@ -68,15 +68,25 @@ VTPendingCalls::VTPendingCalls(std::function<void()> afterSend)
 std::shared_ptr<VTPendingCall> VTPendingCalls::add(sdbus::MethodCall call) {
     auto pending = std::make_shared<VTPendingCall>(std::move(call), *this);
     std::lock_guard lock(mutex_);
-    calls_.insert(pending.get());
+    calls_.emplace(pending.get(), pending);
     return pending;
 }
 
 void VTPendingCalls::failAll(const std::string& name, const std::string& text) {
-    // Held throughout, so that no call goes away while it is being answered; an answer never
-    // waits for this lock.
-    std::lock_guard lock(mutex_);
-    for (VTPendingCall* call : calls_) {
+    // The calls are kept alive while they are answered, and answered outside the lock: the bus
+    // library takes a lock of its own to send, and it holds that one while it hands a new call
+    // to add(). A call already going away answers by itself.
+    std::vector<std::shared_ptr<VTPendingCall>> open;
+    {
+        std::lock_guard lock(mutex_);
+        open.reserve(calls_.size());
+        for (const auto& [address, call] : calls_) {
+            if (auto alive = call.lock()) {
+                open.push_back(std::move(alive));
+            }
+        }
+    }
+    for (const auto& call : open) {
         call->fail(name, text);
     }
 }

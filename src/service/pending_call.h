@@ -18,7 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 
 class VTPendingCalls;
 
@@ -70,5 +70,5 @@ private:
 
     const std::function<void()> afterSend_;
     mutable std::mutex mutex_;
-    std::unordered_set<VTPendingCall*> calls_;
+    std::unordered_map<VTPendingCall*, std::weak_ptr<VTPendingCall>> calls_;
 };
