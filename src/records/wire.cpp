@@ -35,6 +35,9 @@ const std::string kVariantElement = "v";
 const std::string kDictionaryElement = "{sv}";
 const std::string kDictionaryEntry = "sv";
 
+// Why a text could not be read.
+constexpr char kRefusedText[] = "text that is not valid UTF-8 or holds a noncharacter";
+
 constexpr std::uint64_t kInt64Max =
     static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
 
@@ -106,17 +109,17 @@ const unsigned char* firstRefused(const unsigned char* at, const unsigned char* 
     return end;
 }
 
-// Appends a string; bytes the bus would refuse become U+FFFD, so that one odd byte in a host's
-// answer does not cost the whole reply. `text` must be NUL-terminated at `size`.
-void appendText(sdbus::Message& message, const char* text, std::size_t size) {
+// The text the bus takes for `[text, text + size)`: the text itself when the bus accepts all of
+// it, else a copy in `repaired` with U+FFFD in place of the refused bytes, so that one odd byte
+// in a host's answer does not cost the whole reply.
+std::string_view acceptedText(const char* text, std::size_t size, std::string& repaired) {
     const auto* begin = reinterpret_cast<const unsigned char*>(text);
     const auto* end = begin + size;
     const auto* at = firstRefused(begin, end);
     if (at == end) {
-        message << text;
-        return;
+        return std::string_view(text, size);
     }
-    std::string repaired(text, static_cast<std::size_t>(at - begin));
+    repaired.assign(text, static_cast<std::size_t>(at - begin));
     while (at != end) {
         const std::size_t length = acceptedSequence(at, end);
         if (length == 0) {
@@ -142,18 +145,32 @@ void appendText(sdbus::Message& message, const char* text, std::size_t size) {
             at += length;
         }
     }
-    message << repaired;
-}
-
-void appendText(sdbus::Message& message, const std::string& text) {
-    appendText(message, text.c_str(), text.size());
-}
-
-void appendText(sdbus::Message& message, const boost::json::string& text) {
-    appendText(message, text.c_str(), text.size());
+    return repaired;
 }
 
 // --- Values -----------------------------------------------------------------------------------
+
+// The alignment of the elements of an array whose element signature is `element`.
+std::size_t elementAlignment(const std::string& element) {
+    switch (element.empty() ? 'v' : element[0]) {
+        case 'x':
+        case 't':
+        case 'd':
+        case '{':
+        case '(':
+            return 8;
+        case 's':
+        case 'b':
+        case 'a':
+        case 'i':
+        case 'u':
+            return 4;
+        default:
+            return 1;
+    }
+}
+
+}  // namespace
 
 const std::string& signatureOf(const boost::json::value& value) {
     switch (value.kind()) {
@@ -176,89 +193,215 @@ const std::string& signatureOf(const boost::json::value& value) {
     return kDictionary;
 }
 
-void appendObject(sdbus::Message& message, const boost::json::object& object);
+// --- Writer -----------------------------------------------------------------------------------
 
-// Writes the value's payload; the caller has opened a variant of signatureOf(value).
-void appendPayload(sdbus::Message& message, const boost::json::value& value) {
+Writer::Writer(sdbus::Message& message) : message_(message) {}
+
+bool Writer::room(std::size_t alignment, std::size_t size) {
+    if (fault_ != Fault::none) {
+        return false;
+    }
+    const std::size_t start = (bytes_ + alignment - 1) / alignment * alignment;
+    if (start + size > kMaxBodyBytes) {
+        fault_ = Fault::tooLarge;
+        return false;
+    }
+    bytes_ = start + size;
+    return true;
+}
+
+bool Writer::enter() {
+    if (fault_ != Fault::none) {
+        return false;
+    }
+    if (depth_ == kMaxContainerDepth) {
+        fault_ = Fault::tooDeep;
+        return false;
+    }
+    ++depth_;
+    return true;
+}
+
+bool Writer::openArray(const std::string& element) {
+    if (!room(4, 4) || !room(elementAlignment(element), 0) || !enter()) {
+        return false;
+    }
+    message_.openContainer(element);
+    return true;
+}
+
+void Writer::closeArray() {
+    message_.closeContainer();
+    --depth_;
+}
+
+bool Writer::openVariant(const std::string& signature) {
+    // The signature goes first: its length, its text and a NUL.
+    if (!room(1, signature.size() + 2) || !enter()) {
+        return false;
+    }
+    message_.openVariant(signature);
+    return true;
+}
+
+void Writer::closeVariant() {
+    message_.closeVariant();
+    --depth_;
+}
+
+bool Writer::openEntry(const char* key, const std::string& signature) {
+    if (!room(8, 0) || !enter()) {
+        return false;
+    }
+    message_.openDictEntry(kDictionaryEntry);
+    text(key, std::strlen(key));
+    return openVariant(signature);
+}
+
+void Writer::closeEntry() {
+    closeVariant();
+    message_.closeDictEntry();
+    --depth_;
+}
+
+bool Writer::openDictionary() {
+    return openArray(kDictionaryElement);
+}
+
+void Writer::closeDictionary() {
+    closeArray();
+}
+
+void Writer::text(const char* text, std::size_t size) {
+    std::string repaired;
+    const std::string_view accepted = acceptedText(text, size, repaired);
+    // The length, the bytes and a NUL.
+    if (!room(4, 4 + accepted.size() + 1)) {
+        return;
+    }
+    if (accepted.data() == text) {
+        message_ << text;
+    } else {
+        message_ << repaired;
+    }
+}
+
+void Writer::integer(std::int64_t number) {
+    if (room(8, 8)) {
+        message_ << number;
+    }
+}
+
+void Writer::boolean(bool flag) {
+    if (room(4, 4)) {
+        message_ << flag;
+    }
+}
+
+void Writer::payload(const boost::json::value& value) {
     switch (value.kind()) {
-        case boost::json::kind::string:
-            appendText(message, value.get_string());
+        case boost::json::kind::string: {
+            const boost::json::string& text = value.get_string();
+            this->text(text.c_str(), text.size());
             break;
+        }
         case boost::json::kind::int64:
-            message << value.get_int64();
+            integer(value.get_int64());
             break;
         case boost::json::kind::uint64:
             if (value.get_uint64() <= kInt64Max) {
-                message << static_cast<std::int64_t>(value.get_uint64());
-            } else {
-                message << value.get_uint64();
+                integer(static_cast<std::int64_t>(value.get_uint64()));
+            } else if (room(8, 8)) {
+                message_ << value.get_uint64();
             }
             break;
         case boost::json::kind::double_:
-            message << value.get_double();
+            if (room(8, 8)) {
+                message_ << value.get_double();
+            }
             break;
         case boost::json::kind::bool_:
-            message << value.get_bool();
+            boolean(value.get_bool());
             break;
         case boost::json::kind::array:
-            message.openContainer(kVariantElement);
-            for (const boost::json::value& element : value.get_array()) {
-                // A null element becomes an empty dictionary, as signatureOf() says.
-                message.openVariant(signatureOf(element));
-                appendPayload(message, element);
-                message.closeVariant();
-            }
-            message.closeContainer();
+            array(value.get_array());
             break;
         case boost::json::kind::object:
-            appendObject(message, value.get_object());
+            dictionary(value.get_object());
             break;
         case boost::json::kind::null:
-            message.openContainer(kDictionaryElement);
-            message.closeContainer();
+            // A null element becomes an empty dictionary, as signatureOf() says.
+            if (openDictionary()) {
+                closeDictionary();
+            }
             break;
     }
 }
 
-void appendObject(sdbus::Message& message, const boost::json::object& object) {
-    message.openContainer(kDictionaryElement);
+void Writer::variant(const boost::json::value& value) {
+    if (openVariant(signatureOf(value))) {
+        payload(value);
+        if (ok()) {
+            closeVariant();
+        }
+    }
+}
+
+void Writer::array(const boost::json::array& array) {
+    if (!openArray(kVariantElement)) {
+        return;
+    }
+    for (const boost::json::value& element : array) {
+        variant(element);
+        if (!ok()) {
+            return;
+        }
+    }
+    closeArray();
+}
+
+void Writer::dictionary(const boost::json::object& object) {
+    if (!openDictionary()) {
+        return;
+    }
     for (const auto& member : object) {
         if (member.value().is_null()) {
             continue;
         }
-        message.openDictEntry(kDictionaryEntry);
-        message << member.key_c_str();
-        message.openVariant(signatureOf(member.value()));
-        appendPayload(message, member.value());
-        message.closeVariant();
-        message.closeDictEntry();
+        if (!openEntry(member.key_c_str(), signatureOf(member.value()))) {
+            return;
+        }
+        payload(member.value());
+        if (!ok()) {
+            return;
+        }
+        closeEntry();
     }
-    message.closeContainer();
+    closeDictionary();
 }
 
 // --- Records ----------------------------------------------------------------------------------
 
-template <typename Record>
-void appendRecord(sdbus::Message& message, const Record& record);
+namespace {
 
 // Writes the properties of one record as entries of the open 'a{sv}', the way the value form
 // of records.cpp does, without building that value.
 class RecordWriter {
 public:
-    explicit RecordWriter(sdbus::Message& message) : message_(message) {}
+    explicit RecordWriter(Writer& writer) : writer_(writer) {}
 
     void text(const char* key, const std::optional<std::string>& value) {
-        if (value) {
-            open(key, kString);
-            appendText(message_, *value);
+        if (value && writer_.openEntry(key, kString)) {
+            writer_.text(value->c_str(), value->size());
             close();
         }
     }
     void url(const char* key, const std::optional<std::string>& value) { text(key, value); }
     void integer(const char* key, std::int64_t value) {
-        open(key, kInt64);
-        message_ << value;
-        close();
+        if (writer_.openEntry(key, kInt64)) {
+            writer_.integer(value);
+            close();
+        }
     }
     // Unsigned properties go out as signed integers; the values in use are small.
     void integer(const char* key, std::uint64_t value) {
@@ -270,65 +413,106 @@ public:
         }
     }
     void boolean(const char* key, bool value) {
-        open(key, kBool);
-        message_ << value;
-        close();
+        if (writer_.openEntry(key, kBool)) {
+            writer_.boolean(value);
+            close();
+        }
     }
     void plainArray(const char* key, const std::optional<boost::json::array>& value) {
-        if (value) {
-            open(key, kVariantArray);
-            message_.openContainer(kVariantElement);
-            for (const boost::json::value& element : *value) {
-                message_.openVariant(signatureOf(element));
-                appendPayload(message_, element);
-                message_.closeVariant();
-            }
-            message_.closeContainer();
+        if (value && writer_.openEntry(key, kVariantArray)) {
+            writer_.array(*value);
             close();
         }
     }
     template <typename Record>
     void records(const char* key, const std::optional<std::vector<Record>>& value) {
-        if (value) {
-            open(key, kVariantArray);
-            message_.openContainer(kVariantElement);
-            for (const Record& record : *value) {
-                message_.openVariant(kDictionary);
-                appendRecord(message_, record);
-                message_.closeVariant();
+        if (!value || !writer_.openEntry(key, kVariantArray) ||
+            !writer_.openArray(kVariantElement)) {
+            return;
+        }
+        for (const Record& record : *value) {
+            if (!writer_.openVariant(kDictionary)) {
+                return;
             }
-            message_.closeContainer();
-            close();
+            writeRecord(writer_, record);
+            if (!writer_.ok()) {
+                return;
+            }
+            writer_.closeVariant();
+        }
+        writer_.closeArray();
+        close();
+    }
+
+    template <typename Record>
+    static void writeRecord(Writer& writer, const Record& record) {
+        if (!writer.openDictionary() || !writer.openEntry(kClassKey, kString)) {
+            return;
+        }
+        writer.text(Fields<Record>::className, std::strlen(Fields<Record>::className));
+        if (!writer.ok()) {
+            return;
+        }
+        writer.closeEntry();
+        RecordWriter properties(writer);
+        Fields<Record>::visit(record, properties);
+        if (writer.ok()) {
+            writer.closeDictionary();
         }
     }
 
 private:
-    void open(const char* key, const std::string& signature) {
-        message_.openDictEntry(kDictionaryEntry);
-        message_ << key;
-        message_.openVariant(signature);
-    }
     void close() {
-        message_.closeVariant();
-        message_.closeDictEntry();
+        if (writer_.ok()) {
+            writer_.closeEntry();
+        }
     }
 
-    sdbus::Message& message_;
+    Writer& writer_;
 };
 
-template <typename Record>
-void appendRecord(sdbus::Message& message, const Record& record) {
-    message.openContainer(kDictionaryElement);
-    message.openDictEntry(kDictionaryEntry);
-    message << kClassKey;
-    message.openVariant(kString);
-    message << Fields<Record>::className;
-    message.closeVariant();
-    message.closeDictEntry();
-    RecordWriter writer(message);
-    Fields<Record>::visit(record, writer);
-    message.closeContainer();
+}  // namespace
+
+void Writer::conversation(const VTConversation& conversation) {
+    if (!openArray(kVariantElement)) {
+        return;
+    }
+    for (const VTConversationItem& item : conversation) {
+        std::visit(
+            [this](const auto& entry) {
+                if constexpr (std::is_same_v<std::decay_t<decltype(entry)>, bool>) {
+                    if (openVariant(kBool)) {
+                        boolean(entry);
+                    }
+                } else if (openVariant(kDictionary)) {
+                    RecordWriter::writeRecord(*this, entry);
+                }
+                if (ok()) {
+                    closeVariant();
+                }
+            },
+            item);
+        if (!ok()) {
+            return;
+        }
+    }
+    closeArray();
 }
+
+std::string Writer::describe(Fault fault) {
+    switch (fault) {
+        case Fault::tooDeep:
+            return "values nested more than " + std::to_string(kMaxContainerDepth) +
+                   " containers deep";
+        case Fault::tooLarge:
+            return "a message body above " + std::to_string(kMaxBodyBytes) + " bytes";
+        case Fault::none:
+            break;
+    }
+    return "nothing out of bounds";
+}
+
+namespace {
 
 // --- Reading ----------------------------------------------------------------------------------
 
@@ -441,7 +625,12 @@ public:
             message_.enterDictEntry(entry);
             std::string key;
             boost::json::value member;
-            if (!string(entry[0], key) || !value(member)) {
+            if (!string(entry[0], key)) {
+                fault_ = "a key holds " + fault_;
+                return false;
+            }
+            if (!value(member)) {
+                fault_ = "the value of key \"" + key + "\": " + fault_;
                 return false;
             }
             out.insert_or_assign(key, std::move(member));
@@ -491,18 +680,24 @@ private:
     }
 
     bool string(char type, std::string& out) {
-        if (type == 's') {
-            message_ >> out;
-        } else if (type == 'o') {
-            sdbus::ObjectPath path;
-            message_ >> path;
-            out = std::move(path);
-        } else if (type == 'g') {
-            sdbus::Signature signature;
-            message_ >> signature;
-            out = std::move(signature);
-        } else {
-            fault_ = std::string("'") + type + "' is not a string";
+        try {
+            if (type == 's') {
+                message_ >> out;
+            } else if (type == 'o') {
+                sdbus::ObjectPath path;
+                message_ >> path;
+                out = std::move(path);
+            } else if (type == 'g') {
+                sdbus::Signature signature;
+                message_ >> signature;
+                out = std::move(signature);
+            } else {
+                fault_ = std::string("'") + type + "' is not a string";
+                return false;
+            }
+        } catch (const sdbus::Error&) {
+            // The bus daemon passes noncharacters that sd-bus refuses to read.
+            fault_ = kRefusedText;
             return false;
         }
         return true;
@@ -538,33 +733,36 @@ bool guarded(sdbus::Message& message, std::string* fault, Read read) {
 
 }  // namespace
 
+namespace {
+
+// The functions below write one value for a client or a test; a value the bus would refuse fails
+// like a message the bus library refuses.
+void checked(const Writer& writer) {
+    if (!writer.ok()) {
+        throw sdbus::Error("org.freedesktop.DBus.Error.LimitsExceeded",
+                           "The value would take " + Writer::describe(writer.fault()) +
+                               ", beyond what the bus carries.");
+    }
+}
+
+}  // namespace
+
 void appendVariant(sdbus::Message& message, const boost::json::value& value) {
-    message.openVariant(signatureOf(value));
-    appendPayload(message, value);
-    message.closeVariant();
+    Writer writer(message);
+    writer.variant(value);
+    checked(writer);
 }
 
 void appendDictionary(sdbus::Message& message, const boost::json::object& object) {
-    appendObject(message, object);
+    Writer writer(message);
+    writer.dictionary(object);
+    checked(writer);
 }
 
 void appendConversation(sdbus::Message& message, const VTConversation& conversation) {
-    message.openContainer(kVariantElement);
-    for (const VTConversationItem& item : conversation) {
-        std::visit(
-            [&message](const auto& entry) {
-                if constexpr (std::is_same_v<std::decay_t<decltype(entry)>, bool>) {
-                    message.openVariant(kBool);
-                    message << entry;
-                } else {
-                    message.openVariant(kDictionary);
-                    appendRecord(message, entry);
-                }
-                message.closeVariant();
-            },
-            item);
-    }
-    message.closeContainer();
+    Writer writer(message);
+    writer.conversation(conversation);
+    checked(writer);
 }
 
 bool readDictionary(sdbus::Message& message, boost::json::object& out, std::string* fault) {

@@ -77,8 +77,7 @@ VTUrl VTArguments::url() {
     if (!ok()) {
         return VTUrl();
     }
-    message_ >> text;
-    if (text.empty()) {
+    if (!guarded(name, [&] { message_ >> text; }) || text.empty()) {
         return VTUrl();
     }
     auto parsed = boost::urls::parse_uri(text);
@@ -157,7 +156,9 @@ std::vector<VTUrl> VTArguments::hostUrls() {
     if (!ok()) {
         return urls;
     }
-    message_ >> texts;
+    if (!guarded(name, [&] { message_ >> texts; })) {
+        return urls;
+    }
     urls.reserve(texts.size());
     for (const std::string& text : texts) {
         std::optional<VTUrl> url = VTHostsService::forkUrl(text);

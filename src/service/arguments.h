@@ -9,6 +9,7 @@
 #include "records/records.h"
 #include "records/values.h"
 
+#include <sdbus-c++/Error.h>
 #include <sdbus-c++/Message.h>
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
@@ -51,12 +52,25 @@ private:
     // Reads a value that needs no checking beyond its D-Bus type, which the bus has checked.
     template <typename Value>
     Value plain() {
-        next();
+        const std::string name = next();
         Value value{};
         if (ok()) {
-            message_ >> value;
+            guarded(name, [&] { message_ >> value; });
         }
         return value;
+    }
+    // Runs `read`. A value the bus library refuses to read is a fault of argument `name`: the
+    // daemon passes text holding noncharacters, which sd-bus refuses. False after a fault.
+    template <typename Read>
+    bool guarded(std::string_view name, Read read) {
+        try {
+            read();
+            return true;
+        } catch (const sdbus::Error&) {
+            // sd-bus says only that it failed; for text that is always the text itself.
+            reject(name, "holds text that is not valid UTF-8 or holds a noncharacter");
+            return false;
+        }
     }
     void reject(std::string_view name, std::string_view what);
 

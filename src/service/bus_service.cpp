@@ -82,16 +82,21 @@ struct VTBusService::Impl {
     using Answer = std::optional<VTReplyDictionary>;
     // Reads the arguments of one call, in order, and answers it.
     using Handler = Answer (*)(Impl&, VTArguments&, const Call&);
+    // What a request does at the host: a request that only reads is not worth running once its
+    // client has left the bus; an action is, because the user asked for it.
+    enum class Effect { reads, acts };
     struct Method {
         const char* name;
         std::string signature;
         std::vector<std::string> arguments;
         Handler handler;
+        Effect effect;
     };
     // The requests, in the interface's order.
     static const std::vector<Method>& methods();
     template <auto Request, typename... Kinds>
-    static Method request(const char* name, const char* const (&arguments)[sizeof...(Kinds)]);
+    static Method request(const char* name, const char* const (&arguments)[sizeof...(Kinds)],
+                          Effect effect);
     static Answer signIn(Impl& impl, VTArguments& in, const Call& call);
 
     Impl(std::unique_ptr<sdbus::IConnection> connection, VTBusServiceOptions options);
@@ -165,7 +170,7 @@ struct Dictionaries {
 // A method that reads arguments of the given kinds, in order, and passes them to `Request`.
 template <auto Request, typename... Kinds>
 VTBusService::Impl::Method VTBusService::Impl::request(
-    const char* name, const char* const (&arguments)[sizeof...(Kinds)]) {
+    const char* name, const char* const (&arguments)[sizeof...(Kinds)], Effect effect) {
     return Method{
         name, (std::string() + ... + Kinds::signature),
         std::vector<std::string>(std::begin(arguments), std::end(arguments)),
@@ -178,52 +183,60 @@ VTBusService::Impl::Method VTBusService::Impl::request(
             return std::apply(
                 [&impl](auto&... value) { return (impl.service.*Request)(std::move(value)...); },
                 values);
-        }};
+        },
+        effect};
 }
 
 const std::vector<VTBusService::Impl::Method>& VTBusService::Impl::methods() {
     using S = VTHostsService;
     static const std::vector<Method> table = {
-        {"SignInWithUrl", "sxss", {"url", "type", "username", "password"}, &Impl::signIn},
-        request<&S::getRepositoriesWithToken, Dictionary, Url, Integer>("GetRepositoriesWithToken",
-                                                                        {"token", "url", "type"}),
+        {"SignInWithUrl",
+         "sxss",
+         {"url", "type", "username", "password"},
+         &Impl::signIn,
+         Effect::acts},
+        request<&S::getRepositoriesWithToken, Dictionary, Url, Integer>(
+            "GetRepositoriesWithToken", {"token", "url", "type"}, Effect::reads),
         request<&S::createRepositoryWithToken, Dictionary, Url, Integer, Dictionary, Text, Text,
                 Text, Integer>(
             "CreateRepositoryWithToken",
-            {"token", "url", "type", "namespace", "slug", "name", "description", "visibility"}),
-        request<&S::getSshKeysWithToken, Dictionary, Url, Integer>("GetSshKeysWithToken",
-                                                                   {"token", "url", "type"}),
+            {"token", "url", "type", "namespace", "slug", "name", "description", "visibility"},
+            Effect::acts),
+        request<&S::getSshKeysWithToken, Dictionary, Url, Integer>(
+            "GetSshKeysWithToken", {"token", "url", "type"}, Effect::reads),
         request<&S::addSshKey, Text, Text, Dictionary, Url, Integer>(
-            "AddSshKey", {"key", "comment", "token", "url", "type"}),
+            "AddSshKey", {"key", "comment", "token", "url", "type"}, Effect::acts),
         request<&S::deleteSshKey, AnyValue, Dictionary, Url, Integer>(
-            "DeleteSshKey", {"keyIdentifier", "token", "url", "type"}),
-        request<&S::getProfileWithToken, Dictionary, Url, Integer>("GetProfileWithToken",
-                                                                   {"token", "url", "type"}),
-        request<&S::getPrivacyWithUrl, Url, Integer, Dictionary>("GetPrivacyWithUrl",
-                                                                 {"url", "type", "token"}),
-        request<&S::getForksForUrls, HostUrls, Integers, Dictionaries>("GetForksForUrls",
-                                                                       {"urls", "types", "tokens"}),
-        request<&S::getPullRequestsWithUrl, Url, Integer, Dictionary>("GetPullRequestsWithUrl",
-                                                                      {"url", "type", "token"}),
-        request<&S::getCommentsForPullRequest, PullRequest, Dictionary>("GetCommentsForPullRequest",
-                                                                        {"pullRequest", "token"}),
+            "DeleteSshKey", {"keyIdentifier", "token", "url", "type"}, Effect::acts),
+        request<&S::getProfileWithToken, Dictionary, Url, Integer>(
+            "GetProfileWithToken", {"token", "url", "type"}, Effect::reads),
+        request<&S::getPrivacyWithUrl, Url, Integer, Dictionary>(
+            "GetPrivacyWithUrl", {"url", "type", "token"}, Effect::reads),
+        request<&S::getForksForUrls, HostUrls, Integers, Dictionaries>(
+            "GetForksForUrls", {"urls", "types", "tokens"}, Effect::reads),
+        request<&S::getPullRequestsWithUrl, Url, Integer, Dictionary>(
+            "GetPullRequestsWithUrl", {"url", "type", "token"}, Effect::reads),
+        request<&S::getCommentsForPullRequest, PullRequest, Dictionary>(
+            "GetCommentsForPullRequest", {"pullRequest", "token"}, Effect::reads),
         request<&S::createPullRequestWithUrl, Url, Integer, Text, Text, Text, Text, Dictionary>(
             "CreatePullRequestWithUrl",
-            {"url", "type", "baseRefName", "headRefName", "title", "comment", "token"}),
+            {"url", "type", "baseRefName", "headRefName", "title", "comment", "token"},
+            Effect::acts),
         request<&S::editPullRequest, PullRequest, Text, Dictionary>(
-            "EditPullRequest", {"pullRequest", "comment", "token"}),
-        request<&S::addComment, Text, PullRequest, Dictionary>("AddComment",
-                                                               {"comment", "pullRequest", "token"}),
+            "EditPullRequest", {"pullRequest", "comment", "token"}, Effect::acts),
+        request<&S::addComment, Text, PullRequest, Dictionary>(
+            "AddComment", {"comment", "pullRequest", "token"}, Effect::acts),
         request<&S::replyTo, Text, Text, PullRequest, Dictionary>(
-            "ReplyTo", {"commentIdentifier", "comment", "pullRequest", "token"}),
+            "ReplyTo", {"commentIdentifier", "comment", "pullRequest", "token"}, Effect::acts),
         request<&S::editComment, Text, Text, PullRequest, Dictionary>(
-            "EditComment", {"commentIdentifier", "newComment", "pullRequest", "token"}),
+            "EditComment", {"commentIdentifier", "newComment", "pullRequest", "token"},
+            Effect::acts),
         request<&S::deleteComment, Text, PullRequest, Dictionary>(
-            "DeleteComment", {"commentIdentifier", "pullRequest", "token"}),
+            "DeleteComment", {"commentIdentifier", "pullRequest", "token"}, Effect::acts),
         request<&S::mergePullRequest, PullRequest, Integer, Bytes, Text, Dictionary>(
-            "MergePullRequest", {"pullRequest", "method", "oid", "message", "token"}),
-        request<&S::closePullRequest, PullRequest, Dictionary>("ClosePullRequest",
-                                                               {"pullRequest", "token"}),
+            "MergePullRequest", {"pullRequest", "method", "oid", "message", "token"}, Effect::acts),
+        request<&S::closePullRequest, PullRequest, Dictionary>(
+            "ClosePullRequest", {"pullRequest", "token"}, Effect::acts),
     };
     return table;
 }
@@ -276,7 +289,8 @@ void VTBusService::Impl::exportInterface() {
     }
     object->finishRegistration();
 
-    // A client that leaves the bus gives its worker back at once.
+    // A client that leaves the bus gives its worker back at once, and its queued reads are
+    // dropped unanswered. Its calls all came in before the daemon's signal of its leaving.
     clientsLeaving = connection->addMatch(
         "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
         "interface='org.freedesktop.DBus',member='NameOwnerChanged'",
@@ -316,7 +330,13 @@ void VTBusService::Impl::accept(sdbus::MethodCall call, const Method& method) {
     std::shared_ptr<VTPendingCall> pending;
     try {
         pending = calls.add(std::move(call));
-        queues.submit(pending->sender(), [this, pending, &method] { answer(pending, method); });
+        VTClientQueues::Job onDrop;
+        if (method.effect == Effect::reads) {
+            onDrop = [pending] { pending->abandon(); };
+        }
+        queues.submit(
+            pending->sender(), [this, pending, &method] { answer(pending, method); },
+            std::move(onDrop));
     } catch (const std::exception& failure) {
         if (pending) {
             pending->fail(vt::bus::kFailedError, failure.what());

@@ -3,12 +3,13 @@
 #include "transport/http.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include <pthread.h>
 
 struct VTClientQueues::Worker {
-    std::deque<Job> jobs;
+    std::deque<Queued> jobs;
     std::condition_variable changed;
     bool retired = false;  // no client any more: end once the queue is empty
     bool finished = false;
@@ -38,7 +39,7 @@ VTClientQueues::~VTClientQueues() {
     }
 }
 
-void VTClientQueues::submit(const std::string& client, Job job) {
+void VTClientQueues::submit(const std::string& client, Job job, Job onDrop) {
     std::unique_lock lock(mutex_);
     if (stopping_) {
         lock.unlock();
@@ -57,7 +58,7 @@ void VTClientQueues::submit(const std::string& client, Job job) {
         }
         worker = std::move(fresh);
     }
-    worker->jobs.push_back(std::move(job));
+    worker->jobs.push_back(Queued{std::move(job), std::move(onDrop)});
     ++jobs_;
     worker->changed.notify_one();
 }
@@ -67,7 +68,7 @@ void VTClientQueues::serve(Worker& worker, const std::string& client) {
     std::unique_lock lock(mutex_);
     for (;;) {
         if (!worker.jobs.empty()) {
-            Job job = std::move(worker.jobs.front());
+            Job job = std::move(worker.jobs.front().job);
             worker.jobs.pop_front();
             lock.unlock();
             {
@@ -110,15 +111,33 @@ void VTClientQueues::serve(Worker& worker, const std::string& client) {
 }
 
 void VTClientQueues::clientLeft(const std::string& client) {
-    std::lock_guard lock(mutex_);
-    auto entry = workers_.find(client);
-    if (entry == workers_.end()) {
-        return;
+    std::vector<Queued> dropped;
+    {
+        std::lock_guard lock(mutex_);
+        auto entry = workers_.find(client);
+        if (entry == workers_.end()) {
+            return;
+        }
+        Worker& worker = *entry->second;
+        auto kept = std::stable_partition(worker.jobs.begin(), worker.jobs.end(),
+                                          [](const Queued& queued) { return !queued.onDrop; });
+        dropped.assign(std::make_move_iterator(kept), std::make_move_iterator(worker.jobs.end()));
+        worker.jobs.erase(kept, worker.jobs.end());
+        jobs_ -= dropped.size();
+        worker.retired = true;
+        worker.changed.notify_one();
+        retired_.push_back(std::move(entry->second));
+        workers_.erase(entry);
     }
-    entry->second->retired = true;
-    entry->second->changed.notify_one();
-    retired_.push_back(std::move(entry->second));
-    workers_.erase(entry);
+    // Outside the lock, as the jobs may answer or let go of their requests.
+    for (Queued& queued : dropped) {
+        try {
+            queued.onDrop();
+        } catch (...) {
+            // Dropping is all that was asked for.
+        }
+        queued.job = nullptr;
+    }
 }
 
 void VTClientQueues::reap() {
@@ -144,8 +163,8 @@ void VTClientQueues::stop() {
         std::lock_guard lock(mutex_);
         stopping_ = true;
         auto collect = [&dropped](Worker& worker) {
-            for (Job& job : worker.jobs) {
-                dropped.push_back(std::move(job));
+            for (Queued& queued : worker.jobs) {
+                dropped.push_back(std::move(queued.job));
             }
             worker.jobs.clear();
             worker.changed.notify_one();

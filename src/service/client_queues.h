@@ -3,7 +3,8 @@
 // VTClientQueues: one serial queue per client. A client's jobs run one at a time, in the order they
 // were submitted, on a worker thread of that client's own; different clients' jobs run at the same
 // time. A worker ends when its client leaves the bus or after it has been idle for a while, and a
-// new one starts with the client's next job.
+// new one starts with the client's next job. When a client leaves, its queued jobs that may be
+// dropped are dropped; the others, and a job already running, still run.
 
 #include <atomic>
 #include <chrono>
@@ -31,9 +32,13 @@ public:
     VTClientQueues(const VTClientQueues&) = delete;
     VTClientQueues& operator=(const VTClientQueues&) = delete;
 
-    // Queues `job` behind the client's earlier jobs. Throws when no worker thread can be started.
-    void submit(const std::string& client, Job job);
-    // The client has left: its worker finishes the jobs already queued, then ends.
+    // Queues `job` behind the client's earlier jobs. With an `onDrop`, the job is dropped if its
+    // client leaves before it starts: `onDrop` then runs in its place, and the job is destroyed
+    // without running. Without one, the job runs all the same. Throws when no worker thread can
+    // be started.
+    void submit(const std::string& client, Job job, Job onDrop = {});
+    // The client has left: its queued jobs that may be dropped are dropped (on the calling
+    // thread); its worker finishes the others, then ends.
     void clientLeft(const std::string& client);
     // Joins the workers that have ended.
     void reap();
@@ -46,6 +51,10 @@ public:
     std::size_t jobCount() const { return jobs_.load(); }
 
 private:
+    struct Queued {
+        Job job;
+        Job onDrop;
+    };
     struct Worker;
     void serve(Worker& worker, const std::string& client);
 

@@ -5,6 +5,7 @@
 #include <sdbus-c++/Error.h>
 
 #include <exception>
+#include <optional>
 #include <vector>
 
 VTPendingCall::VTPendingCall(sdbus::MethodCall call, VTPendingCalls& calls)
@@ -21,7 +22,15 @@ void VTPendingCall::reply(const VTReplyDictionary& reply) {
     }
     try {
         sdbus::MethodReply message = call_.createReply();
-        reply.appendTo(message);
+        if (std::optional<VTError> fault = reply.appendTo(message)) {
+            // The bus would refuse the reply, and drop the service with it: the client learns
+            // why from the error, and keeps a refreshed token.
+            message = call_.createReply();
+            if (reply.standIn(*fault).appendTo(message)) {
+                message = call_.createReply();
+                VTReplyDictionary().standIn(std::move(*fault)).appendTo(message);
+            }
+        }
         message.send();
     } catch (const std::exception& failure) {
         sendError(vt::bus::kFailedError,
@@ -32,6 +41,10 @@ void VTPendingCall::reply(const VTReplyDictionary& reply) {
         return;
     }
     calls_.sent();
+}
+
+void VTPendingCall::abandon() {
+    claim();
 }
 
 void VTPendingCall::fail(const std::string& name, const std::string& text) {
@@ -55,15 +68,25 @@ VTPendingCalls::VTPendingCalls(std::function<void()> afterSend)
 std::shared_ptr<VTPendingCall> VTPendingCalls::add(sdbus::MethodCall call) {
     auto pending = std::make_shared<VTPendingCall>(std::move(call), *this);
     std::lock_guard lock(mutex_);
-    calls_.insert(pending.get());
+    calls_.emplace(pending.get(), pending);
     return pending;
 }
 
 void VTPendingCalls::failAll(const std::string& name, const std::string& text) {
-    // Held throughout, so that no call goes away while it is being answered; an answer never
-    // waits for this lock.
-    std::lock_guard lock(mutex_);
-    for (VTPendingCall* call : calls_) {
+    // The calls are kept alive while they are answered, and answered outside the lock: the bus
+    // library takes a lock of its own to send, and it holds that one while it hands a new call
+    // to add(). A call already going away answers by itself.
+    std::vector<std::shared_ptr<VTPendingCall>> open;
+    {
+        std::lock_guard lock(mutex_);
+        open.reserve(calls_.size());
+        for (const auto& [address, call] : calls_) {
+            if (auto alive = call.lock()) {
+                open.push_back(std::move(alive));
+            }
+        }
+    }
+    for (const auto& call : open) {
         call->fail(name, text);
     }
 }

@@ -2,9 +2,11 @@
 
 // A method call waiting for its answer. Whoever answers first (the request's reply, a failure,
 // the service stopping) answers; every later answer is dropped, so each call is answered exactly
-// once. A call that goes away unanswered is answered with kStoppingError. Answers are sent from
-// the thread that gives them (sdbus-c++ serialises the bus) and the loop is woken after each, so
-// that a large reply that did not fit the socket at once is written on.
+// once. A call that goes away unanswered is answered with kStoppingError, unless it was
+// abandoned. Answers are sent from the thread that gives them (sdbus-c++ serialises the bus) and
+// the loop is woken after each, so that a large reply that did not fit the socket at once is
+// written on. A reply the bus would refuse (nested too deeply, too large) is answered with a
+// reply dictionary holding only the refreshed token and an error that names the fault.
 
 #include "service/reply.h"
 
@@ -16,7 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 
 class VTPendingCalls;
 
@@ -35,6 +37,8 @@ public:
     void reply(const VTReplyDictionary& reply);
     // Answers with the D-Bus error `name`.
     void fail(const std::string& name, const std::string& text);
+    // Gives the call up unanswered: its client has left the bus, and nobody would read an answer.
+    void abandon();
     bool answered() const { return answered_.load(); }
 
 private:
@@ -66,5 +70,5 @@ private:
 
     const std::function<void()> afterSend_;
     mutable std::mutex mutex_;
-    std::unordered_set<VTPendingCall*> calls_;
+    std::unordered_map<VTPendingCall*, std::weak_ptr<VTPendingCall>> calls_;
 };

@@ -49,19 +49,54 @@ VTReplyDictionary::Entry& VTReplyDictionary::slot(std::string_view key) {
     return entries_.emplace_back(std::string(key), Entry()).second;
 }
 
-void VTReplyDictionary::appendTo(sdbus::Message& message) const {
-    message.openContainer("{sv}");
-    for (const auto& [key, entry] : entries_) {
-        message.openDictEntry("sv");
-        message << key;
-        if (const auto* value = std::get_if<boost::json::value>(&entry)) {
-            vt::wire::appendVariant(message, *value);
-        } else {
-            message.openVariant("av");
-            vt::wire::appendConversation(message, std::get<VTConversation>(entry));
-            message.closeVariant();
-        }
-        message.closeDictEntry();
+namespace {
+
+// A reply the bus would refuse answers this error instead. The values came from the host's
+// answer, so the error is the host's, in the domain of its answers; 200 says that the host
+// answered, but with something the service cannot pass on.
+VTError limitError(vt::wire::Writer::Fault fault) {
+    if (fault == vt::wire::Writer::Fault::tooDeep) {
+        return VTError(VTHTTPErrorDomain, 200,
+                       "The host's answer nests its values more than " +
+                           std::to_string(vt::wire::kMaxContainerDepth) +
+                           " levels deep, which the session bus does not carry; the reply was "
+                           "not sent.");
     }
-    message.closeContainer();
+    return VTError(VTHTTPErrorDomain, 200,
+                   "The host's answer makes a reply larger than the " +
+                       std::to_string(vt::wire::kMaxBodyBytes) +
+                       " bytes the session bus carries; the reply was not sent.");
+}
+
+}  // namespace
+
+std::optional<VTError> VTReplyDictionary::appendTo(sdbus::Message& message) const {
+    vt::wire::Writer writer(message);
+    if (!writer.openDictionary()) {
+        return limitError(writer.fault());
+    }
+    for (const auto& [key, entry] : entries_) {
+        if (const auto* value = std::get_if<boost::json::value>(&entry)) {
+            if (writer.openEntry(key.c_str(), vt::wire::signatureOf(*value))) {
+                writer.payload(*value);
+            }
+        } else if (writer.openEntry(key.c_str(), "av")) {
+            writer.conversation(std::get<VTConversation>(entry));
+        }
+        if (!writer.ok()) {
+            return limitError(writer.fault());
+        }
+        writer.closeEntry();
+    }
+    writer.closeDictionary();
+    return std::nullopt;
+}
+
+VTReplyDictionary VTReplyDictionary::standIn(VTError error) const {
+    VTReplyDictionary reply;
+    if (const Entry* token = find("refreshedToken")) {
+        reply.slot("refreshedToken") = *token;
+    }
+    reply.setError(error);
+    return reply;
 }

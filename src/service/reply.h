@@ -37,8 +37,14 @@ public:
     const Entry* find(std::string_view key) const;
     const std::vector<std::pair<std::string, Entry>>& entries() const { return entries_; }
 
-    // Appends the dictionary as one 'a{sv}'.
-    void appendTo(sdbus::Message& message) const;
+    // Appends the dictionary as one 'a{sv}' at the start of `message`'s body, within the bus's
+    // limits (vt::wire::kMaxContainerDepth, vt::wire::kMaxBodyBytes). Returns nullopt when done;
+    // otherwise the error that says which limit the dictionary would break, and the message holds
+    // part of it and must not be sent.
+    std::optional<VTError> appendTo(sdbus::Message& message) const;
+    // The dictionary to send in place of this one when the bus would refuse it: the refreshed
+    // token, which the client must not lose, and `error` (one that appendTo() returned).
+    VTReplyDictionary standIn(VTError error) const;
 
 private:
     Entry& slot(std::string_view key);

@@ -2,6 +2,7 @@
 #include "samples.h"
 
 #include <gtest/gtest.h>
+#include <sdbus-c++/Error.h>
 #include <sdbus-c++/Types.h>
 #include <boost/json/parse.hpp>
 
@@ -9,6 +10,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -239,6 +241,71 @@ TEST(ReadingTheBus, TurnsAFailingMessageIntoAFault) {
     EXPECT_NO_THROW(done = vt::wire::readDictionary(message, read, &fault));
     EXPECT_FALSE(done);
     EXPECT_FALSE(fault.empty());
+}
+
+// Arrays `depth` deep, the innermost holding `inner` (or nothing).
+json::value nestedArrays(int depth, std::optional<json::value> inner) {
+    json::value value = json::array();
+    if (inner) {
+        value.as_array().push_back(*inner);
+    }
+    for (int level = 1; level < depth; ++level) {
+        value = json::array{value};
+    }
+    return value;
+}
+
+TEST(WritingWithinTheBusLimits, StopsAtTheSixtyFifthContainer) {
+    // A variant holding arrays: the variant and each array take one container, and each element
+    // one more for its variant.
+    struct Row {
+        int arrays;
+        std::optional<json::value> inner;
+    };
+    for (const Row& row : {Row{31, json::value(1)}, Row{32, std::nullopt}, Row{32, json::value(1)},
+                           Row{33, std::nullopt}, Row{200, json::value("x")}}) {
+        const int deepest = 2 * row.arrays + (row.inner ? 1 : 0);
+        SCOPED_TRACE(deepest);
+        sdbus::PlainMessage message = standaloneMessage();
+        vt::wire::Writer writer(message);
+        writer.variant(nestedArrays(row.arrays, row.inner));
+        if (deepest <= static_cast<int>(vt::wire::kMaxContainerDepth)) {
+            ASSERT_TRUE(writer.ok());
+            json::value read;
+            std::string fault;
+            ASSERT_TRUE(vt::wire::readVariant(sealed(message), read, &fault)) << fault;
+            EXPECT_EQ(read, nestedArrays(row.arrays, row.inner));
+        } else {
+            EXPECT_EQ(writer.fault(), vt::wire::Writer::Fault::tooDeep);
+        }
+    }
+}
+
+TEST(WritingWithinTheBusLimits, CountsTheBodyToTheByte) {
+    // A variant of one text: the signature "s" (3 bytes), padding to 4, the length (4), the text
+    // and its NUL.
+    const std::size_t fits = vt::wire::kMaxBodyBytes - 9;
+    for (const std::size_t size : {fits, fits + 1}) {
+        sdbus::PlainMessage message = standaloneMessage();
+        vt::wire::Writer writer(message);
+        writer.variant(json::string(size, 'x'));
+        if (size == fits) {
+            EXPECT_TRUE(writer.ok());
+            EXPECT_EQ(writer.bytes(), vt::wire::kMaxBodyBytes);
+        } else {
+            EXPECT_EQ(writer.fault(), vt::wire::Writer::Fault::tooLarge);
+        }
+    }
+}
+
+TEST(WritingWithinTheBusLimits, RefusesAValueTooDeepForAClientsCall) {
+    sdbus::PlainMessage message = standaloneMessage();
+    try {
+        vt::wire::appendDictionary(message, json::object{{"deep", nestedArrays(40, 1)}});
+        ADD_FAILURE() << "a value 80 containers deep was written";
+    } catch (const sdbus::Error& error) {
+        EXPECT_EQ(error.getName(), "org.freedesktop.DBus.Error.LimitsExceeded");
+    }
 }
 
 }  // namespace

@@ -37,58 +37,12 @@ std::string lastPathPart(const AdapterCall& call) {
     return url.substr(url.rfind('/') + 1);
 }
 
-// Adapter calls that wait at a gate, named by the last part of their URL, until the test opens it.
-class Gates {
-public:
-    void arriveAndWait(const std::string& name) {
-        std::unique_lock lock(mutex_);
-        log_.push_back("enter " + name);
-        changed_.notify_all();
-        changed_.wait(lock, [&] { return open_.count(name) > 0; });
-        log_.push_back("leave " + name);
-    }
-    bool waitUntilArrived(const std::string& name) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kPatience, [&] { return indexOf("enter " + name) >= 0; });
-    }
-    void open(const std::string& name) {
-        std::lock_guard lock(mutex_);
-        open_.insert(name);
-        changed_.notify_all();
-    }
-    // The position of `entry` in the log, or -1.
-    long position(const std::string& entry) {
-        std::lock_guard lock(mutex_);
-        return indexOf(entry);
-    }
-
-private:
-    long indexOf(const std::string& entry) const {
-        for (std::size_t index = 0; index < log_.size(); ++index) {
-            if (log_[index] == entry) {
-                return static_cast<long>(index);
-            }
-        }
-        return -1;
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::set<std::string> open_;
-    std::vector<std::string> log_;
-};
-
-class ServiceBus : public ::testing::Test {
+class ServiceBus : public ::testing::Test, protected ServiceWithTestAdapters {
 protected:
     std::future<Outcome> privacy(Client& caller, const std::string& name) {
         return caller.callAsync("GetPrivacyWithUrl", "https://github.test/octocat/" + name,
                                 std::int64_t{1}, kToken);
     }
-
-    PrivateBus bus{withoutActivation()};
-    TestAdapters adapters;
-    InProcessService service{optionsFor(adapters)};
-    Client client;
 };
 
 TEST_F(ServiceBus, AClientsRequestsRunOneAtATimeInOrderWhileAnotherClientsRunAlongside) {

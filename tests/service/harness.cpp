@@ -3,10 +3,9 @@
 #include "records/wire.h"
 #include "service/bus_names.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <stdexcept>
-
-#include <sys/socket.h>
 
 #include <sys/socket.h>
 
@@ -184,6 +183,42 @@ bool eventually(const std::function<bool()>& condition) {
     return true;
 }
 
+void Gates::arriveAndWait(const std::string& name) {
+    std::unique_lock lock(mutex_);
+    log_.push_back("enter " + name);
+    changed_.notify_all();
+    changed_.wait(lock, [&] { return open_.count(name) > 0; });
+    log_.push_back("leave " + name);
+}
+
+bool Gates::waitUntilArrived(const std::string& name, std::size_t times) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, kPatience, [&] {
+        return static_cast<std::size_t>(std::count(log_.begin(), log_.end(), "enter " + name)) >=
+               times;
+    });
+}
+
+void Gates::open(const std::string& name) {
+    std::lock_guard lock(mutex_);
+    open_.insert(name);
+    changed_.notify_all();
+}
+
+long Gates::position(const std::string& entry) {
+    std::lock_guard lock(mutex_);
+    return indexOf(entry);
+}
+
+long Gates::indexOf(const std::string& entry) const {
+    for (std::size_t index = 0; index < log_.size(); ++index) {
+        if (log_[index] == entry) {
+            return static_cast<long>(index);
+        }
+    }
+    return -1;
+}
+
 VTHostFactory TestAdapters::factory() {
     return [this](const VTUrl& url, std::int64_t type) -> std::unique_ptr<VTHost> {
         {
@@ -327,6 +362,13 @@ VTBusServiceOptions optionsFor(TestAdapters& adapters, std::filesystem::path exe
     // Workers stay for the whole test, so that no worker's end happens to wake the service.
     options.clientIdleLimit = std::chrono::hours(1);
     options.signIn.executable = std::move(executable);
+    return options;
+}
+
+VTBusServiceOptions optionsWithHostAdapters() {
+    VTBusServiceOptions options;
+    options.clientIdleLimit = std::chrono::hours(1);
+    options.signIn.executable = "/proc/self/exe";
     return options;
 }
 

@@ -15,6 +15,7 @@
 #include <boost/json/value.hpp>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -22,6 +23,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,6 +35,27 @@ inline constexpr std::chrono::seconds kPatience{60};
 
 // Polls `condition` until it holds or kPatience has passed; returns its last value.
 bool eventually(const std::function<bool()>& condition);
+
+// Work that waits at a named gate until the test opens it (an adapter call, a fake host's
+// answer), with a log of who entered and left, in order.
+class Gates {
+public:
+    // Enters, waits until the gate `name` is open, leaves.
+    void arriveAndWait(const std::string& name);
+    // Waits (at most kPatience) until `name` has been entered `times` times.
+    bool waitUntilArrived(const std::string& name, std::size_t times = 1);
+    void open(const std::string& name);
+    // The position of `entry` ("enter NAME", "leave NAME") in the log, or -1.
+    long position(const std::string& entry);
+
+private:
+    long indexOf(const std::string& entry) const;
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::set<std::string> open_;
+    std::vector<std::string> log_;
+};
 
 // One adapter operation as the adapter saw it.
 struct AdapterCall {
@@ -154,7 +177,19 @@ PrivateBus::Options withoutActivation();
 VTBusServiceOptions optionsFor(TestAdapters& adapters,
                                std::filesystem::path executable = "/proc/self/exe");
 
+// The service's options with the adapters of the real hosts, for tests against the fake host.
+VTBusServiceOptions optionsWithHostAdapters();
+
 // A pull request record on GitHub's test host.
 VTPullRequest samplePullRequest(std::int64_t type = 1);
+
+// The service in-process with the test adapters, on a private bus of its own, and one client: what
+// most tests of the service stand on.
+struct ServiceWithTestAdapters {
+    PrivateBus bus{withoutActivation()};
+    TestAdapters adapters;
+    InProcessService service{optionsFor(adapters)};
+    Client client;
+};
 
 }  // namespace vt::test

@@ -161,13 +161,7 @@ std::vector<Forwarding> forwardingRequests() {
     };
 }
 
-class ServiceRequests : public ::testing::Test {
-protected:
-    PrivateBus bus{withoutActivation()};
-    TestAdapters adapters;
-    InProcessService service{optionsFor(adapters)};
-    Client client;
-};
+class ServiceRequests : public ::testing::Test, protected ServiceWithTestAdapters {};
 
 TEST_F(ServiceRequests, EveryRequestCallsItsAdapterOperationWithItsArgumentsAndAnswersItsResult) {
     for (const Forwarding& request : forwardingRequests()) {
