@@ -1,7 +1,7 @@
 #include "transport/ssh_keys.h"
 
 #include "transport/dates.h"
-#include "transport/json_paths.h"
+#include "transport/reading.h"
 #include "transport/utilities/utilities.h"
 
 namespace vt {

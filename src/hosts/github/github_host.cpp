@@ -1,9 +1,9 @@
 #include "hosts/github/github_host.h"
 
 #include "hosts/github/queries.h"
-#include "hosts/github/support.h"
 #include "transport/dates.h"
 #include "transport/paging.h"
+#include "transport/reading.h"
 #include "transport/ssh_keys.h"
 #include "transport/utilities/utilities.h"
 
@@ -11,6 +11,7 @@
 #include <string>
 #include <utility>
 
+using namespace vt;
 using namespace vt::github;
 
 namespace {

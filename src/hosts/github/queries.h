@@ -5,8 +5,6 @@
 // with their quirks: the follow-up pages of the pull request list and of the commits ask for other
 // fields than the first page, and the one-line merge has no comma before its empty body.
 
-#include "transport/query_text.h"
-
 #include <string_view>
 
 namespace vt::github {

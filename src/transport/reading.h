@@ -1,9 +1,9 @@
 #pragma once
 
-// Reading decoded host answers: member paths into JSON objects, typed reads at the end of a path,
-// and addresses that must parse as absolute URLs. Every adapter reads its answers this way; a
-// missing member, a member of another type or a step through a non-object reads as absent.
+// Reading host answers and repository addresses, for every adapter: member paths into decoded
+// JSON, the texts that fill the places of query and path texts, and the parts of a repository URL.
 
+#include "records/error.h"
 #include "records/values.h"
 
 #include <boost/json/array.hpp>
@@ -46,5 +46,31 @@ std::optional<std::string> urlAt(JsonRoot root, std::initializer_list<std::strin
 
 // The absolute URL of `text`, or nullopt when it is none.
 std::optional<VTUrl> urlWithText(std::string_view text);
+
+// `text` with each "%@" replaced by the next of `values`, in order; places beyond the values stay.
+std::string fillText(std::string_view text, std::initializer_list<std::string_view> values);
+
+// What stands in a query place for a value that is missing.
+inline constexpr std::string_view kMissingText = "(null)";
+
+// The text of a value as it goes into a query place: a string as it is, a number in decimal
+// (integral doubles without a fraction), true as "1" and false as "0", anything else kMissingText.
+std::string placeText(const boost::json::value* value);
+std::string placeText(const std::optional<std::string>& value);
+
+// The parts of a repository address, from its non-empty, percent-decoded path components.
+struct RepositoryPath {
+    std::string owner;     // the first component
+    std::string name;      // the last component without its extension
+    std::string fullName;  // every component joined by "/", the last without its extension
+};
+
+// nullopt, with a VTURLErrorDomain error (-1000, bad URL), when the path has no component.
+std::optional<RepositoryPath> repositoryPath(const VTUrl& url, VTError* error);
+std::optional<RepositoryPath> repositoryPath(std::string_view urlText, VTError* error);
+
+// `name` without its extension: the text from the last dot on, when that dot is not the first
+// character ("my.tool.git" is "my.tool", "my.tool" is "my", ".git" stays).
+std::string deletingPathExtension(std::string_view name);
 
 }  // namespace vt
