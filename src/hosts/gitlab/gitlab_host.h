@@ -96,6 +96,12 @@ public:
     // with their project ("group/project:main", "fork/project:feature").
     std::optional<std::vector<VTPullRequest>> pullRequestsWithUrl(const VTUrl& url, VTToken& token,
                                                                   VTError* error) override;
+    // Completes `pullRequest` (identifier, permissions, state, assignees, labels) and returns
+    // [it, its description, threads and commit runs in time order, true when the user may
+    // comment]. Any failed request fails the whole conversation.
+    std::optional<VTConversation> commentsForPullRequest(VTPullRequest& pullRequest, VTToken& token,
+                                                         VTError* error) override;
+
     // Every action returns true on success. A mutation whose payload lists errors fails with
     // VTHTTPErrorDomain 200 and the first of them as description; transport failures pass on
     // the transport's error.
