@@ -4,7 +4,9 @@
 // mutation, REST v4 for the user, projects, SSH keys and commits. GitLab issues OAuth tokens that
 // expire: every operation but userWithToken first renews a token that is about to expire
 // (refreshToken), and the transport asks refreshedToken for a new one when the host says the
-// token expired. A renewed token replaces the caller's token variable whole.
+// token expired. A renewed token replaces the caller's token variable whole. Those operations
+// fail with VTHTTPErrorDomain 401 when called without a token, and with the renewal's error (and
+// an emptied token variable) when a due renewal fails.
 
 #include "transport/host.h"
 
@@ -139,7 +141,8 @@ private:
     // Posts a mutation and reads the "errors" list of its payload data.<payload>.errors.
     bool postMutation(std::string_view text, std::string_view payload, VTToken& token,
                       VTError* error) const;
-    // refreshToken, then whether the token variable still holds a token.
+    // False, with an error, without a token; else refreshToken, then whether the token variable
+    // still holds a token.
     bool hasFreshToken(VTToken& token, VTError* error) const;
 
     VTUrl graphQlUrl_;
