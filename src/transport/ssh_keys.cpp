@@ -1,6 +1,7 @@
 #include "transport/ssh_keys.h"
 
 #include "transport/dates.h"
+#include "transport/paging.h"
 #include "transport/reading.h"
 #include "transport/utilities/utilities.h"
 
@@ -43,6 +44,35 @@ std::optional<VTUrl> keysAddress(std::string_view keysUrl, VTError* error) {
 }
 
 }  // namespace
+
+std::optional<boost::json::array> sshKeysAt(const VTHost& host, std::string_view firstPageUrl,
+                                            const SshKeyMembers& members,
+                                            std::string_view datePattern, VTToken& token,
+                                            VTError* error) {
+    auto firstUrl = keysAddress(firstPageUrl, error);
+    if (!firstUrl) {
+        return std::nullopt;
+    }
+    boost::json::array keys;
+    auto page = [&](const boost::json::value& answer, VTError* pageError) {
+        const boost::json::array* elements = answer.if_array();
+        if (elements == nullptr) {
+            return true;
+        }
+        for (const boost::json::value& element : *elements) {
+            auto key = sshKeyWithMembers(element, members, datePattern, pageError);
+            if (!key) {
+                return false;
+            }
+            keys.emplace_back(std::move(*key));
+        }
+        return true;
+    };
+    if (!pageLinks(host, *firstUrl, page, token, error)) {
+        return std::nullopt;
+    }
+    return keys;
+}
 
 bool addSshKeyAt(const VTHost& host, std::string_view keysUrl, const std::string& key,
                  const std::string& title, VTToken& token, VTError* error) {

@@ -8,6 +8,7 @@
 #include "records/values.h"
 #include "transport/host.h"
 
+#include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 
@@ -30,6 +31,13 @@ struct SshKeyMembers {
 std::optional<boost::json::object> sshKeyWithMembers(const boost::json::value& element,
                                                      const SshKeyMembers& members,
                                                      std::string_view datePattern, VTError* error);
+
+// The key dictionaries of a key list that pages by the "Link" header, from `firstPageUrl` on, in
+// the host's order. A failed page or a key without fingerprint fails the whole list.
+std::optional<boost::json::array> sshKeysAt(const VTHost& host, std::string_view firstPageUrl,
+                                            const SshKeyMembers& members,
+                                            std::string_view datePattern, VTToken& token,
+                                            VTError* error);
 
 // POSTs {"title": title, "key": key} to the key list at `keysUrl`; true when an answer came.
 bool addSshKeyAt(const VTHost& host, std::string_view keysUrl, const std::string& key,

@@ -256,31 +256,8 @@ std::optional<boost::json::array> VTGitLabHost::sshKeysWithToken(VTToken& token,
     if (!hasFreshToken(token, error)) {
         return std::nullopt;
     }
-    auto firstUrl = urlWithText(sshKeysUrl_ + std::string(kSshKeysPageQuery));
-    if (!firstUrl) {
-        VTSetError(error, VTError(VTURLErrorDomain, -1000, "The SSH keys address is not a URL."));
-        return std::nullopt;
-    }
-    boost::json::array keys;
-    auto page = [&keys](const boost::json::value& answer, VTError* pageError) {
-        const boost::json::array* elements = answer.if_array();
-        if (elements == nullptr) {
-            return true;
-        }
-        for (const boost::json::value& element : *elements) {
-            auto key = sshKeyWithMembers(element, {"title", "id", "created_at", "key"},
-                                         kIsoFractionDatePattern, pageError);
-            if (!key) {
-                return false;
-            }
-            keys.emplace_back(std::move(*key));
-        }
-        return true;
-    };
-    if (!pageLinks(*this, *firstUrl, page, token, error)) {
-        return std::nullopt;
-    }
-    return keys;
+    return sshKeysAt(*this, sshKeysUrl_ + std::string(kSshKeysPageQuery),
+                     {"title", "id", "created_at", "key"}, kIsoFractionDatePattern, token, error);
 }
 
 bool VTGitLabHost::addSshKey(const std::string& key, const std::string& title, VTToken& token,
