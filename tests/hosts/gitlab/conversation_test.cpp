@@ -56,27 +56,6 @@ std::string restCommit(const char* sha, const char* author, const char* committe
            R"(@example.com","committed_date":")" + committed + R"("})";
 }
 
-// The kinds of a conversation's items: "pr", "comment <id>", "commits <oid> ...", "true".
-std::vector<std::string> shape(const VTConversation& conversation) {
-    std::vector<std::string> kinds;
-    for (const VTConversationItem& item : conversation) {
-        if (std::holds_alternative<VTPullRequest>(item)) {
-            kinds.emplace_back("pr");
-        } else if (const auto* comment = std::get_if<VTPullRequestComment>(&item)) {
-            kinds.push_back("comment " + comment->identifier.value_or("?"));
-        } else if (const auto* group = std::get_if<VTPullRequestCommits>(&item)) {
-            std::string oids;
-            for (const VTPullRequestCommit& commit : group->commits.value()) {
-                oids += " " + commit.oid.value_or("?");
-            }
-            kinds.push_back("commits" + oids);
-        } else {
-            kinds.emplace_back(std::get<bool>(item) ? "true" : "false");
-        }
-    }
-    return kinds;
-}
-
 TEST_F(GitLabConversation, FollowsEveryConnectionAndOrdersThreadsAndCommitRunsInTime) {
     answer(
         R"({"data":{"project":{"id":"gid://gitlab/Project/42","mergeRequest":{)"
@@ -134,7 +113,7 @@ TEST_F(GitLabConversation, FollowsEveryConnectionAndOrdersThreadsAndCommitRunsIn
     EXPECT_EQ(fake.requestCount(), 8u);
     // A run ends at a thread, at another author and at another day; the system discussion is
     // left out with its replies.
-    EXPECT_THAT(shape(*conversation),
+    EXPECT_THAT(vt::test::conversationShape(*conversation),
                 ElementsAre("pr", "comment gid://gitlab/MergeRequest/70", "commits c1",
                             "comment n2", "comment n6", "commits c2 m3", "commits c3", "comment n5",
                             "commits c4", "commits c5", "true"));
