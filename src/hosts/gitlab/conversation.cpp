@@ -54,9 +54,15 @@ std::optional<VTConversation> VTGitLabHost::commentsForPullRequest(VTPullRequest
     if (!answer) {
         return std::nullopt;
     }
-    // REST names the project by the number at the end of its global id.
-    const std::string projectId = lastPathComponent(
-        stringAt(*answer, {"data", "project", "id"}).value_or(std::string(kMissingText)));
+    // REST names the project by the number at the end of its global id; without a project there
+    // are no commits to ask REST for.
+    const auto globalId = stringAt(*answer, {"data", "project", "id"});
+    if (!globalId) {
+        VTSetError(error, VTError(VTHTTPErrorDomain, 404,
+                                  "The project " + path + " was not found on the server."));
+        return std::nullopt;
+    }
+    const std::string projectId = lastPathComponent(*globalId);
     const boost::json::object* found = objectAt(*answer, {"data", "project", "mergeRequest"});
     const boost::json::object& details = found != nullptr ? *found : emptyObject();
 

@@ -244,4 +244,12 @@ TEST_F(GitLabConversation, AFailedCommitPageFailsTheConversation) {
               VTError(VTHTTPErrorDomain, 404, "HTTP status code 404 (Not Found)", "404 Not found"));
 }
 
+TEST_F(GitLabConversation, AnUnknownProjectFailsWithoutAskingForCommits) {
+    answer(R"({"data":{"project":null}})");
+    EXPECT_FALSE(host.commentsForPullRequest(pullRequest, token, &error));
+    EXPECT_EQ(error, VTError(VTHTTPErrorDomain, 404,
+                             "The project group/project was not found on the server."));
+    EXPECT_EQ(fake.requestCount(), 1u);
+}
+
 }  // namespace
