@@ -114,11 +114,12 @@ private:
     // "<repositoriesUrl>/<repository path of the remote URL>/pullrequests/<number>".
     std::optional<std::string> pullRequestText(const VTPullRequest& pullRequest,
                                                VTError* error) const;
-    // Sends `content` (or nothing, for DELETE) to the pull request's address followed by `tail`;
-    // true when an answer came.
+    // Sends `content` (or nothing, for DELETE) to the pull request's address followed by `tail`
+    // and, when given, the comment identifier as one more path segment; true when an answer came.
     bool sendToPullRequest(std::string_view method, const VTPullRequest& pullRequest,
-                           const std::string& tail, const boost::json::value* content,
-                           VTToken& token, VTError* error) const;
+                           std::string_view tail, const boost::json::value* content, VTToken& token,
+                           VTError* error,
+                           std::optional<std::string_view> commentIdentifier = std::nullopt) const;
 
     std::string userUrl_;
     std::string repositoriesUrl_;

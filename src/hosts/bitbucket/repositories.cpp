@@ -309,7 +309,7 @@ std::optional<std::vector<std::string>> VTBitbucketbHost::forksForUrl(const VTUr
 
 std::optional<boost::json::array> VTBitbucketbHost::sshKeysWithToken(VTToken& token,
                                                                      VTError* error) {
-    // Keys can be deleted by their id only with a password: OAuth tokens may not delete them.
+    // Keys listed under a user name and password carry their id; under OAuth tokens they do not.
     const bool basic = vt::stringAt(token, {"token_type"}) == "Basic";
     auto name = username(token, error);
     if (!name) {
@@ -365,11 +365,11 @@ bool VTBitbucketbHost::deleteSshKey(const boost::json::value& keyIdentifier, VTT
     if (!name) {
         return false;
     }
-    auto url = vt::urlWithQueryText(
-        sshKeysUrl_ + "/" + *name + std::string(kSshKeys) + "/" + vt::placeText(&keyIdentifier),
-        error);
+    auto url = vt::urlWithQueryText(sshKeysUrl_ + "/" + *name + std::string(kSshKeys), error);
     if (!url) {
         return false;
     }
+    // One escaped segment, so that no identifier can lead to another address on the host.
+    url->segments().push_back(vt::placeText(&keyIdentifier));
     return jsonDeleteWithUrl(*url, token, error).has_value();
 }
