@@ -100,7 +100,7 @@ std::optional<boost::json::object> VTBitbucketbHost::profileWithToken(VTToken& t
 std::optional<VTToken> VTBitbucketbHost::refreshedToken(const VTToken& token, const VTUrl& url,
                                                         VTError* error) const {
     const vt::OAuthClient& client = vt::oauthCredentials().bitbucket;
-    // The refresh token goes as the host issued it: its tokens need no form encoding.
+    // The refresh token goes in as it stands, without form encoding.
     const std::string body =
         std::string(kRefreshBody) + vt::placeText(token.if_contains("refresh_token"));
 
