@@ -25,6 +25,12 @@ using TimelineItem = std::variant<VTPullRequestComment, VTPullRequestCommit>;
 double timelineMoment(const std::optional<std::string>& text,
                       std::string_view pattern = kIsoDatePattern);
 
+// The comment a conversation shows a pull request's description as, second after the pull
+// request itself: it carries the pull request's identifier, author, picture, date and
+// editability, and `content` as its text.
+VTPullRequestComment descriptionComment(const VTPullRequest& pullRequest,
+                                        std::optional<std::string> content);
+
 // Items of the same moment are told apart by stepping 0.1 seconds, so the one stored first keeps
 // the earlier key and is listed first.
 //

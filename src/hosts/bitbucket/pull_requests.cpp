@@ -208,13 +208,8 @@ std::optional<VTConversation> VTBitbucketbHost::commentsForPullRequest(VTPullReq
     }
     pullRequest.mergeable = conflict ? 1 : 0;
 
-    VTPullRequestComment description;
-    description.identifier = pullRequest.identifier;
-    description.author = pullRequest.author;
-    description.avatarUrl = pullRequest.avatarUrl;
-    description.date = pullRequest.date;
-    description.editable = pullRequest.editable;
-    description.content = vt::stringAt(*details, {"description"});
+    VTPullRequestComment description =
+        vt::descriptionComment(pullRequest, vt::stringAt(*details, {"description"}));
 
     CommentTree comments;
     auto commentPage = [&](const boost::json::value& answer, VTError*) {
