@@ -43,14 +43,6 @@ std::optional<boost::json::value> VTBitbucketbHost::jsonGetWithText(const std::s
     return jsonGetWithUrl(*url, token, nullptr, error);
 }
 
-std::optional<std::string> VTBitbucketbHost::username(VTToken& token, VTError* error) const {
-    auto answer = jsonGetWithText(userUrl_ + std::string(kUsernameFields), token, error);
-    if (!answer) {
-        return std::nullopt;
-    }
-    return vt::stringAt(*answer, {"username"}).value_or(std::string(vt::kMissingText));
-}
-
 // ---- Account and profile
 
 std::optional<boost::json::object> VTBitbucketbHost::userWithToken(const VTToken& token,

@@ -109,8 +109,9 @@ private:
     // GETs a URL text, percent-encoded as a whole where the query may not hold a character.
     std::optional<boost::json::value> jsonGetWithText(const std::string& text, VTToken& token,
                                                       VTError* error) const;
-    // The user's "username", read with its own request.
-    std::optional<std::string> username(VTToken& token, VTError* error) const;
+    // "<sshKeysUrl>/<the user's username>" + `tail` as a URL; the username is read with its own
+    // request.
+    std::optional<VTUrl> userKeysUrl(std::string_view tail, VTToken& token, VTError* error) const;
     // "<repositoriesUrl>/<repository path of the remote URL>/pullrequests/<number>".
     std::optional<std::string> pullRequestText(const VTPullRequest& pullRequest,
                                                VTError* error) const;

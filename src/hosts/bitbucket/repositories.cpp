@@ -307,12 +307,23 @@ std::optional<std::vector<std::string>> VTBitbucketbHost::forksForUrl(const VTUr
 
 // ---- SSH keys
 
+std::optional<VTUrl> VTBitbucketbHost::userKeysUrl(std::string_view tail, VTToken& token,
+                                                   VTError* error) const {
+    auto answer = jsonGetWithText(userUrl_ + std::string(kUsernameFields), token, error);
+    if (!answer) {
+        return std::nullopt;
+    }
+    return vt::urlWithQueryText(
+        sshKeysUrl_ + "/" + vt::placeText(vt::stringAt(*answer, {"username"})) + std::string(tail),
+        error);
+}
+
 std::optional<boost::json::array> VTBitbucketbHost::sshKeysWithToken(VTToken& token,
                                                                      VTError* error) {
     // Keys listed under a user name and password carry their id; under OAuth tokens they do not.
     const bool basic = vt::stringAt(token, {"token_type"}) == "Basic";
-    auto name = username(token, error);
-    if (!name) {
+    auto first = userKeysUrl(kSshKeysFirstPage, token, error);
+    if (!first) {
         return std::nullopt;
     }
     boost::json::array keys;
@@ -336,9 +347,7 @@ std::optional<boost::json::array> VTBitbucketbHost::sshKeysWithToken(VTToken& to
         }
         return vt::PageStep::more;
     };
-    auto first =
-        vt::urlWithQueryText(sshKeysUrl_ + "/" + *name + std::string(kSshKeysFirstPage), error);
-    if (!first || !vt::pageNext(*this, *first, page, token, error)) {
+    if (!vt::pageNext(*this, *first, page, token, error)) {
         return std::nullopt;
     }
     return keys;
@@ -346,11 +355,7 @@ std::optional<boost::json::array> VTBitbucketbHost::sshKeysWithToken(VTToken& to
 
 bool VTBitbucketbHost::addSshKey(const std::string& key, const std::string& /*title*/,
                                  VTToken& token, VTError* error) {
-    auto name = username(token, error);
-    if (!name) {
-        return false;
-    }
-    auto url = vt::urlWithQueryText(sshKeysUrl_ + "/" + *name + std::string(kSshKeys), error);
+    auto url = userKeysUrl(kSshKeys, token, error);
     if (!url) {
         return false;
     }
@@ -361,11 +366,7 @@ bool VTBitbucketbHost::addSshKey(const std::string& key, const std::string& /*ti
 
 bool VTBitbucketbHost::deleteSshKey(const boost::json::value& keyIdentifier, VTToken& token,
                                     VTError* error) {
-    auto name = username(token, error);
-    if (!name) {
-        return false;
-    }
-    auto url = vt::urlWithQueryText(sshKeysUrl_ + "/" + *name + std::string(kSshKeys), error);
+    auto url = userKeysUrl(kSshKeys, token, error);
     if (!url) {
         return false;
     }
