@@ -43,6 +43,23 @@ std::optional<boost::json::value> VTBitbucketbHost::jsonGetWithText(const std::s
     return jsonGetWithUrl(*url, token, nullptr, error);
 }
 
+bool VTBitbucketbHost::pageValues(
+    const VTUrl& first,
+    const std::function<vt::PageStep(const boost::json::value&, VTError*)>& each, VTToken& token,
+    VTError* error) const {
+    auto page = [&each](const boost::json::value& answer, VTError* pageError) {
+        if (const boost::json::array* values = vt::arrayAt(answer, {"values"})) {
+            for (const boost::json::value& value : *values) {
+                if (const vt::PageStep step = each(value, pageError); step != vt::PageStep::more) {
+                    return step;
+                }
+            }
+        }
+        return vt::PageStep::more;
+    };
+    return vt::pageNext(*this, first, page, token, error);
+}
+
 // ---- Account and profile
 
 std::optional<boost::json::object> VTBitbucketbHost::userWithToken(const VTToken& token,
