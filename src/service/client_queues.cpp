@@ -1,5 +1,7 @@
 #include "service/client_queues.h"
 
+#include "transport/http.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -68,13 +70,18 @@ void VTClientQueues::serve(Worker& worker, const std::string& client) {
             Job job = std::move(worker.jobs.front());
             worker.jobs.pop_front();
             lock.unlock();
-            try {
-                job();
-            } catch (...) {
-                // A job answers its own request; nothing is left to do here.
+            {
+                // One request: its HTTP exchanges share one deadline, and memory that a large
+                // answer held goes back to the system once the job is gone.
+                vt::http::RequestScope request;
+                try {
+                    job();
+                } catch (...) {
+                    // A job answers its own request; nothing is left to do here.
+                }
+                // Destroyed outside the lock: destroying a job may answer its request.
+                job = nullptr;
             }
-            // Destroyed outside the lock: destroying a job may answer its request.
-            job = nullptr;
             --jobs_;
             lock.lock();
             continue;

@@ -1,6 +1,7 @@
 #include "transport/answer.h"
 
 #include "transport/host.h"
+#include "transport/limits.h"
 
 #include <unicode/utf8.h>
 #include <boost/json/basic_parser_impl.hpp>
@@ -137,13 +138,23 @@ std::optional<boost::json::value> decodeAnswerBody(std::string_view body, VTErro
         return parser.handler().release();
     }
     if (isUtf8(body)) {
-        VTSetError(error, VTError(VTHTTPErrorDomain, 0, body));
+        VTSetError(error, VTError(VTHTTPErrorDomain, 0, answerText(body)));
     } else {
         VTSetError(error, VTError(VTJSONErrorDomain, 3840,
                                   "The data could not be read as JSON: " + code.message() +
                                       " (around byte " + std::to_string(consumed) + ")."));
     }
     return std::nullopt;
+}
+
+std::string answerText(std::string_view text) {
+    if (text.size() <= limits::kMaxAnswerTextBytes) {
+        return std::string(text);
+    }
+    // Back to the first byte of the character that the cut would split.
+    auto end = static_cast<std::int32_t>(limits::kMaxAnswerTextBytes);
+    U8_SET_CP_START(reinterpret_cast<const std::uint8_t*>(text.data()), 0, end);
+    return std::string(text.substr(0, static_cast<std::size_t>(end)));
 }
 
 std::string nextLinkFromHeader(std::string_view header) {

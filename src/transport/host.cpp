@@ -11,19 +11,6 @@
 
 namespace {
 
-// "scheme://host:port" of a URL, the port filled in from the scheme when the URL has none.
-std::string originOf(const VTUrl& url) {
-    std::string scheme(url.scheme());
-    std::string host(url.encoded_host());
-    std::transform(host.begin(), host.end(), host.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    std::string port(url.port());
-    if (port.empty()) {
-        port = scheme == "https" ? "443" : scheme == "http" ? "80" : "";
-    }
-    return scheme + "://" + host + ":" + port;
-}
-
 const boost::json::value* member(const boost::json::value& value, std::string_view key) {
     if (const auto* object = value.if_object()) {
         return object->if_contains(key);
@@ -202,12 +189,12 @@ std::optional<boost::json::value> VTHost::jsonWithContent(const boost::json::val
 
     // The token goes only to the origin this adapter first spoke to; addresses a host hands
     // out (paging links) that lead elsewhere are fetched without it.
-    const std::string origin = originOf(url);
+    const std::string urlText(url.buffer());
+    const std::string origin = vt::http::originOf(urlText).value_or(std::string());
     if (!origin_) {
         origin_ = origin;
     }
     const bool sameOrigin = *origin_ == origin;
-    const std::string urlText(url.buffer());
 
     bool refreshed = false;
     VTToken current = token;
@@ -224,6 +211,8 @@ std::optional<boost::json::value> VTHost::jsonWithContent(const boost::json::val
         std::optional<boost::json::value> json;
         if (exchange.responded) {
             json = vt::decodeAnswerBody(exchange.body, &sessionError);
+            // The decoded answer (or the error's cut text) is all that is needed from here on.
+            std::string().swap(exchange.body);
         }
 
         if (!json) {
@@ -239,7 +228,7 @@ std::optional<boost::json::value> VTHost::jsonWithContent(const boost::json::val
             }
             return fail(VTError(
                 sessionError.domain.empty() ? std::string(VTHTTPErrorDomain) : sessionError.domain,
-                status, stringForStatusCode(status), recovery));
+                status, stringForStatusCode(status), vt::answerText(recovery)));
         }
 
         if (status == 401) {
@@ -319,12 +308,14 @@ std::string VTHost::errorMessageWithJson(const boost::json::value& json) {
     if (picked != nullptr) {
         for (std::string_view key : {"message", "error_description", "error"}) {
             if (const auto* value = picked->if_contains(key); value && value->is_string()) {
-                return std::string(value->get_string());
+                return vt::answerText(value->get_string());
             }
         }
         if (const auto* message = json.get_object().if_contains("message")) {
-            return message->is_string() ? std::string(message->get_string())
-                                        : boost::json::serialize(*message);
+            if (message->is_string()) {
+                return vt::answerText(message->get_string());
+            }
+            return vt::answerText(boost::json::serialize(*message));
         }
     }
     return "No error description.";

@@ -1,5 +1,7 @@
 #include "transport/paging.h"
 
+#include "transport/limits.h"
+
 #include <boost/url/parse.hpp>
 
 #include <optional>
@@ -19,6 +21,16 @@ const boost::json::object& emptyObject() {
 }
 
 }  // namespace
+
+bool PageLimit::admitNext(VTError* error) {
+    if (pages_ >= limits::kMaxPages) {
+        setPagingError(error, "The host sent more than " + std::to_string(limits::kMaxPages) +
+                                  " pages; paging stopped.");
+        return false;
+    }
+    ++pages_;
+    return true;
+}
 
 ConnectionLocator connectionAt(std::initializer_list<std::string_view> path) {
     return [members = std::vector<std::string>(path.begin(), path.end())](
@@ -59,6 +71,7 @@ bool pageGraphQlFrom(const VTHost& host, const VTUrl& url, const boost::json::va
                      const FollowUpText& followUp, const ConnectionLocator& connection,
                      const CursorPage& page, VTToken& token, VTError* error) {
     std::set<std::string, std::less<>> cursors;
+    PageLimit pages;
     std::optional<boost::json::value> later;  // owns every answer after the first
     const boost::json::value* answer = &firstAnswer;
     for (;;) {
@@ -86,6 +99,12 @@ bool pageGraphQlFrom(const VTHost& host, const VTUrl& url, const boost::json::va
             setPagingError(error, "The host sent the same page cursor twice; paging stopped.");
             return false;
         }
+        if (!pages.admitNext(error)) {
+            return false;
+        }
+        // The page is done: drop it before the next one arrives.
+        answer = nullptr;
+        later.reset();
         std::optional<boost::json::value> next =
             host.jsonPostWithUrl(url, graphQlContent(followUp(endCursor)), token, error);
         if (!next) {
@@ -108,6 +127,7 @@ bool followAddresses(const VTHost& host, const VTUrl& firstUrl, bool readsLink,
                      const NextPage& page, const NextAddress& nextAddress, VTToken& token,
                      VTError* error) {
     std::set<std::string, std::less<>> addresses{std::string(firstUrl.buffer())};
+    PageLimit pages;
     VTUrl url = firstUrl;
     for (;;) {
         std::string link;
@@ -136,6 +156,9 @@ bool followAddresses(const VTHost& host, const VTUrl& firstUrl, bool readsLink,
         if (!addresses.insert(address).second) {
             setPagingError(error,
                            "The host sent the same next-page address twice; paging stopped.");
+            return false;
+        }
+        if (!pages.admitNext(error)) {
             return false;
         }
         url = *next;

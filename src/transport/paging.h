@@ -14,6 +14,7 @@
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -76,11 +77,26 @@ bool pageLinks(const VTHost& host, const VTUrl& firstUrl, const LinkPage& page, 
 bool pageNext(const VTHost& host, const VTUrl& firstUrl, const NextPage& page, VTToken& token,
               VTError* error);
 
+// Counts the pages of one paging loop, so that a host that keeps saying more pages follow, with
+// ever new cursors or addresses, cannot hold a request for ever. Make one per loop, with the first
+// page already read, and ask before fetching each further page.
+class PageLimit {
+public:
+    // True while fewer than kMaxPages pages were read, counting the one about to be fetched as
+    // read; otherwise false, with the paging error "The host sent more than 1000 pages; paging
+    // stopped." in *error.
+    bool admitNext(VTError* error);
+
+private:
+    std::size_t pages_ = 1;
+};
+
 // Paging errors, all VTHTTPErrorDomain with code 200 (the status of the answer that was refused):
 //   "The host sent the same page cursor twice; paging stopped."
 //   "The host said more pages follow but sent no page cursor."
 //   "The host sent the same next-page address twice; paging stopped."
 //   "The host sent a next-page address that is not a URL."
+//   "The host sent more than 1000 pages; paging stopped."
 inline constexpr std::int64_t kPagingErrorCode = 200;
 
 }  // namespace vt

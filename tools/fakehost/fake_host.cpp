@@ -107,6 +107,13 @@ Response Response::json(std::string body, int status) {
     return response;
 }
 
+Response Response::redirect(int status, std::string location) {
+    Response response;
+    response.status = status;
+    response.headers.emplace_back("Location", std::move(location));
+    return response;
+}
+
 struct FakeHost::Impl {
     Fd listener;
     std::uint16_t port = 0;
@@ -127,6 +134,8 @@ struct FakeHost::Impl {
     void serve(int fd);
     // Records `request` (its index in `requests` goes to `index`) and finds its answer.
     Response answer(Request request, std::size_t& index);
+    // Sends `response` as it asks. False when the connection is to end.
+    bool send(int fd, const Response& response);
     // Reads one request from `fd`, keeping leftover bytes in `buffer`. False at the end.
     bool readRequest(int fd, std::string& buffer, Request& request);
 };
@@ -205,7 +214,8 @@ Response FakeHost::Impl::answer(Request request, std::size_t& index) {
         for (auto& expectation : expectations) {
             if (!expectation.used && expectation.match(request)) {
                 expectation.used = true;
-                return expectation.response;
+                // Answers once: a large body is handed over, not copied.
+                return std::move(expectation.response);
             }
         }
         fallback = handler;
@@ -221,6 +231,31 @@ Response FakeHost::Impl::answer(Request request, std::size_t& index) {
     response.status = 599;
     response.body = "no scripted answer for " + request.method + " " + request.target;
     return response;
+}
+
+bool FakeHost::Impl::send(int fd, const Response& response) {
+    std::string head =
+        "HTTP/1.1 " + std::to_string(response.status) + " " + statusText(response.status) + "\r\n";
+    for (const auto& [name, value] : response.headers) {
+        head += name + ": " + value + "\r\n";
+    }
+    head += "Content-Length: " + std::to_string(response.body.size()) + "\r\n\r\n";
+    if (!sendAll(fd, head)) {
+        return false;
+    }
+    if (response.silentAfterHeaders) {
+        std::unique_lock lock(mutex);
+        stopped.wait(lock, [&] { return stopping.load(); });
+        return false;
+    }
+    if (response.resetAfter) {
+        sendAll(fd, std::string_view(response.body).substr(0, *response.resetAfter));
+        // Closing with a zero linger time resets the connection instead of ending it.
+        linger reset{1, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        return false;
+    }
+    return sendAll(fd, response.body);
 }
 
 void FakeHost::Impl::serve(int fd) {
@@ -239,14 +274,7 @@ void FakeHost::Impl::serve(int fd) {
         if (response.drop) {
             break;
         }
-        std::string text = "HTTP/1.1 " + std::to_string(response.status) + " " +
-                           statusText(response.status) + "\r\n";
-        for (const auto& [name, value] : response.headers) {
-            text += name + ": " + value + "\r\n";
-        }
-        text += "Content-Length: " + std::to_string(response.body.size()) + "\r\n\r\n";
-        text += response.body;
-        if (!sendAll(fd, text)) {
+        if (!send(fd, response)) {
             break;
         }
         const auto answered = std::chrono::steady_clock::now();

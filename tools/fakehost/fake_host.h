@@ -42,7 +42,16 @@ struct Response {
     std::chrono::milliseconds delay{0};  // wait this long before answering
     bool drop = false;                   // close the connection without answering
 
+    // Misbehaviour, for tests of a client's limits:
+    // the status line and headers are sent, then nothing until the host goes away;
+    bool silentAfterHeaders = false;
+    // the status line, headers and this many bytes of the body are sent, then the connection is
+    // reset.
+    std::optional<std::size_t> resetAfter;
+
     static Response json(std::string body, int status = 200);
+    // A redirect to `location` (absolute or relative, sent as it stands).
+    static Response redirect(int status, std::string location);
 };
 
 class FakeHost {

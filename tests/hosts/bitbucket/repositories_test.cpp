@@ -238,7 +238,9 @@ TEST_F(BitbucketRepositories, KeysAreAddedWithoutTitleAndDeletedByIdUnderTheUser
         answerGet("/2.0/user?fields=username", R"({"username":"alice"})");
     }
     answer("POST", "/2.0/users/alice/ssh-keys", R"({"uuid":"{k-3}"})");
-    fake.expect("DELETE", "/2.0/users/alice/ssh-keys/k-3", vt::fake::Response{204, {}, ""});
+    vt::fake::Response deleted;
+    deleted.status = 204;
+    fake.expect("DELETE", "/2.0/users/alice/ssh-keys/k-3", deleted);
     EXPECT_TRUE(host.addSshKey("ssh-ed25519 AAAA dev@test", "Work laptop", token, &error));
     EXPECT_TRUE(host.deleteSshKey("k-3", token, &error));
     EXPECT_EQ(bodyOf(1), (boost::json::object{{"key", "ssh-ed25519 AAAA dev@test"}}));
