@@ -1,6 +1,7 @@
 #include "transport/ssh_keys.h"
 
 #include "transport/dates.h"
+#include "transport/paging.h"
 #include "transport/reading.h"
 #include "transport/utilities/utilities.h"
 
@@ -30,6 +31,69 @@ std::optional<boost::json::object> sshKeyWithMembers(const boost::json::value& e
         key["fingerprint"] = *fingerprint;
     }
     return key;
+}
+
+namespace {
+
+std::optional<VTUrl> keysAddress(std::string_view keysUrl, VTError* error) {
+    auto url = urlWithText(keysUrl);
+    if (!url) {
+        VTSetError(error, VTError(VTURLErrorDomain, -1000, "The SSH keys address is not a URL."));
+    }
+    return url;
+}
+
+}  // namespace
+
+std::optional<boost::json::array> sshKeysAt(const VTHost& host, std::string_view firstPageUrl,
+                                            const SshKeyMembers& members,
+                                            std::string_view datePattern, VTToken& token,
+                                            VTError* error) {
+    auto firstUrl = keysAddress(firstPageUrl, error);
+    if (!firstUrl) {
+        return std::nullopt;
+    }
+    boost::json::array keys;
+    auto page = [&](const boost::json::value& answer, VTError* pageError) {
+        const boost::json::array* elements = answer.if_array();
+        if (elements == nullptr) {
+            return true;
+        }
+        for (const boost::json::value& element : *elements) {
+            auto key = sshKeyWithMembers(element, members, datePattern, pageError);
+            if (!key) {
+                return false;
+            }
+            keys.emplace_back(std::move(*key));
+        }
+        return true;
+    };
+    if (!pageLinks(host, *firstUrl, page, token, error)) {
+        return std::nullopt;
+    }
+    return keys;
+}
+
+bool addSshKeyAt(const VTHost& host, std::string_view keysUrl, const std::string& key,
+                 const std::string& title, VTToken& token, VTError* error) {
+    auto url = keysAddress(keysUrl, error);
+    if (!url) {
+        return false;
+    }
+    boost::json::object content;
+    content["title"] = title;
+    content["key"] = key;
+    return host.jsonPostWithUrl(*url, content, token, error).has_value();
+}
+
+bool deleteSshKeyAt(const VTHost& host, std::string_view keysUrl,
+                    const boost::json::value& identifier, VTToken& token, VTError* error) {
+    auto url = keysAddress(keysUrl, error);
+    if (!url) {
+        return false;
+    }
+    url->segments().push_back(placeText(&identifier));
+    return host.jsonDeleteWithUrl(*url, token, error).has_value();
 }
 
 }  // namespace vt

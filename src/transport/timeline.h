@@ -25,9 +25,8 @@ using TimelineItem = std::variant<VTPullRequestComment, VTPullRequestCommit>;
 double timelineMoment(const std::optional<std::string>& text,
                       std::string_view pattern = kIsoDatePattern);
 
-// The comment a conversation shows a pull request's description as, second after the pull
-// request itself: it carries the pull request's identifier, author, picture, date and
-// editability, and `content` as its text.
+// The entry that follows the pull request in its conversation: its description as a comment with
+// the pull request's identifier, author, picture, date and editability.
 VTPullRequestComment descriptionComment(const VTPullRequest& pullRequest,
                                         std::optional<std::string> content);
 

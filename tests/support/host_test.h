@@ -6,6 +6,7 @@
 // answer was never asked for.
 
 #include "fakehost/fake_host.h"
+#include "records/records.h"
 #include "records/values.h"
 
 #include <gtest/gtest.h>
@@ -18,6 +19,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace vt::test {
@@ -46,6 +48,29 @@ inline void useFixedDateSettings() {
 inline std::string pageInfo(bool hasNextPage, std::string_view cursor = "") {
     return R"("pageInfo":{"endCursor":")" + std::string(cursor) + R"(","hasNextPage":)" +
            (hasNextPage ? "true" : "false") + "}";
+}
+
+// The kinds of a conversation's items, to compare its order at a glance: "pr", "comment <id>",
+// "commits <oid> <oid>..." for a run of commits, and "true" / "false".
+inline std::vector<std::string> conversationShape(const VTConversation& conversation) {
+    std::vector<std::string> kinds;
+    for (const VTConversationItem& item : conversation) {
+        if (std::holds_alternative<VTPullRequest>(item)) {
+            kinds.emplace_back("pr");
+        } else if (const auto* comment = std::get_if<VTPullRequestComment>(&item)) {
+            kinds.push_back("comment " + comment->identifier.value_or("?"));
+        } else if (const auto* group = std::get_if<VTPullRequestCommits>(&item)) {
+            std::string oids;
+            for (const VTPullRequestCommit& commit :
+                 group->commits.value_or(std::vector<VTPullRequestCommit>())) {
+                oids += " " + commit.oid.value_or("?");
+            }
+            kinds.push_back("commits" + oids);
+        } else {
+            kinds.emplace_back(std::get<bool>(item) ? "true" : "false");
+        }
+    }
+    return kinds;
 }
 
 // A public key line from tests/fixtures/keys and the fingerprint ssh-keygen gave for it.

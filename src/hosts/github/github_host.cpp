@@ -313,57 +313,18 @@ std::optional<std::vector<std::string>> VTGitHubHost::createRepositoryWithToken(
 // ---- SSH keys (REST)
 
 std::optional<boost::json::array> VTGitHubHost::sshKeysWithToken(VTToken& token, VTError* error) {
-    auto firstUrl = urlWithText(sshKeysUrl_ + "?per_page=50");
-    if (!firstUrl) {
-        VTSetError(error, VTError(VTURLErrorDomain, -1000, "The SSH keys address is not a URL."));
-        return std::nullopt;
-    }
-    boost::json::array keys;
-    auto page = [&keys](const boost::json::value& answer, VTError* pageError) {
-        const boost::json::array* elements = answer.if_array();
-        if (elements == nullptr) {
-            return true;
-        }
-        for (const boost::json::value& element : *elements) {
-            auto key = vt::sshKeyWithMembers(element, {"title", "id", "created_at", "key"},
-                                             vt::kIsoDatePattern, pageError);
-            if (!key) {
-                return false;
-            }
-            keys.emplace_back(std::move(*key));
-        }
-        return true;
-    };
-    if (!vt::pageLinks(*this, *firstUrl, page, token, error)) {
-        return std::nullopt;
-    }
-    return keys;
+    return vt::sshKeysAt(*this, sshKeysUrl_ + "?per_page=50", {"title", "id", "created_at", "key"},
+                         vt::kIsoDatePattern, token, error);
 }
 
 bool VTGitHubHost::addSshKey(const std::string& key, const std::string& title, VTToken& token,
                              VTError* error) {
-    auto url = urlWithText(sshKeysUrl_);
-    if (!url) {
-        VTSetError(error, VTError(VTURLErrorDomain, -1000, "The SSH keys address is not a URL."));
-        return false;
-    }
-    boost::json::object content;
-    content["title"] = title;
-    content["key"] = key;
-    return jsonPostWithUrl(*url, content, token, error).has_value();
+    return vt::addSshKeyAt(*this, sshKeysUrl_, key, title, token, error);
 }
 
 bool VTGitHubHost::deleteSshKey(const boost::json::value& keyIdentifier, VTToken& token,
                                 VTError* error) {
-    auto url = urlWithText(sshKeysUrl_);
-    if (!url) {
-        VTSetError(error, VTError(VTURLErrorDomain, -1000, "The SSH keys address is not a URL."));
-        return false;
-    }
-    // The identifier becomes one escaped path segment, so that no identifier can reach another
-    // address on the host.
-    url->segments().push_back(placeText(&keyIdentifier));
-    return jsonDeleteWithUrl(*url, token, error).has_value();
+    return vt::deleteSshKeyAt(*this, sshKeysUrl_, keyIdentifier, token, error);
 }
 
 // ---- Privacy and forks

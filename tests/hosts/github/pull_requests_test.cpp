@@ -83,28 +83,6 @@ TEST_F(GitHubPullRequests, ListedHeadsFromForksAreNamedWithTheirRepository) {
             "name}}pageInfo{endCursor,hasNextPage}}}}"));
 }
 
-// The kinds of a conversation's items, with the size of each commit group: "pr", "comment",
-// "commits:2", "true".
-std::vector<std::string> shape(const VTConversation& conversation) {
-    std::vector<std::string> kinds;
-    for (const VTConversationItem& item : conversation) {
-        if (std::holds_alternative<VTPullRequest>(item)) {
-            kinds.emplace_back("pr");
-        } else if (const auto* comment = std::get_if<VTPullRequestComment>(&item)) {
-            kinds.push_back("comment " + comment->identifier.value_or("?"));
-        } else if (const auto* group = std::get_if<VTPullRequestCommits>(&item)) {
-            std::string oids;
-            for (const VTPullRequestCommit& commit : group->commits.value()) {
-                oids += " " + commit.oid.value_or("?");
-            }
-            kinds.push_back("commits" + oids);
-        } else {
-            kinds.emplace_back(std::get<bool>(item) ? "true" : "false");
-        }
-    }
-    return kinds;
-}
-
 std::string commitNode(const char* oid, const char* committer, const char* author,
                        const char* committedDate) {
     auto user = [](const char* login) {
@@ -135,7 +113,7 @@ TEST_F(GitHubPullRequests, TheConversationMergesCommentsAndCommitGroupsInTimeOrd
     ASSERT_TRUE(conversation) << error.description();
     // A group ends at a comment, at another author and at another day; a commit without author
     // is a group of its own.
-    EXPECT_THAT(shape(*conversation),
+    EXPECT_THAT(vt::test::conversationShape(*conversation),
                 ElementsAre("pr", "comment PR_kwDOAbc123", "commits a1a1a1a1 a2a2a2a2",
                             "comment IC_first", "commits a3a3a3a3", "commits b1", "commits b2",
                             "comment IC_second", "commits b3", "commits n1", "true"));
