@@ -1,5 +1,6 @@
 #include "service/host_factory.h"
 
+#include "hosts/bitbucket/bitbucket_host.h"
 #include "hosts/github/github_host.h"
 #include "hosts/gitlab/gitlab_host.h"
 
@@ -9,9 +10,10 @@ std::unique_ptr<VTHost> VTHostForUrl(const VTUrl& url, std::int64_t type) {
             return std::make_unique<VTGitHubHost>(url);
         case 2:
             return std::make_unique<VTGitLabHost>(url);
+        case 3:
+            return std::make_unique<VTBitbucketbHost>(url);
         default:
-            // Bitbucket (3) has no adapter in this build; like any other type it answers with
-            // empty results.
+            // Any other type has no adapter and answers with empty results.
             return nullptr;
     }
 }

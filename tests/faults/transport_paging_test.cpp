@@ -39,11 +39,12 @@ protected:
                     std::to_string(page) + R"("}],)" +
                     vt::testing::pageInfo(more, "cursor-" + std::to_string(page)) + "}}}}");
             }
-            Response response = Response::json("[]");
+            // The next page is named both ways: in the "Link" header and in a "next" member.
+            const std::string next =
+                "http://api.github.test/user/keys?page=" + std::to_string(page + 1);
+            Response response = Response::json(more ? R"({"next":")" + next + "\"}" : "{}");
             if (more) {
-                response.headers.emplace_back(
-                    "Link", "<http://api.github.test/user/keys?page=" + std::to_string(page + 1) +
-                                ">; rel=\"next\"");
+                response.headers.emplace_back("Link", "<" + next + ">; rel=\"next\"");
             }
             return response;
         });
@@ -61,6 +62,14 @@ TEST_F(EndlessPaging, ByCursorStopsAfterTheBound) {
 
 TEST_F(EndlessPaging, ByLinkStopsAfterTheBound) {
     EXPECT_FALSE(host.sshKeysWithToken(token, &error));
+    EXPECT_EQ(error, kTooManyPages);
+    EXPECT_EQ(fake.requestCount(), kMaxPages);
+}
+
+TEST_F(EndlessPaging, ByNextMemberStopsAfterTheBound) {
+    const auto readOn = [](const boost::json::value&, VTError*) { return vt::PageStep::more; };
+    EXPECT_FALSE(vt::pageNext(host, vt::testing::urlOf("http://api.github.test/user/keys"), readOn,
+                              token, &error));
     EXPECT_EQ(error, kTooManyPages);
     EXPECT_EQ(fake.requestCount(), kMaxPages);
 }
