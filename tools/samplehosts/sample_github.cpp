@@ -156,100 +156,6 @@ std::string nodeId(std::string_view prefix, std::uint64_t seed) {
     return text;
 }
 
-std::uint64_t seedOf(std::string_view text) {
-    std::uint64_t hash = 1469598103934665603ULL;  // FNV-1a
-    for (char c : text) {
-        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
-    }
-    return hash;
-}
-
-std::string hexDigits(std::uint64_t seed, std::size_t length) {
-    std::string text;
-    while (text.size() < length) {
-        char chunk[17];
-        std::snprintf(chunk, sizeof chunk, "%016llx",
-                      static_cast<unsigned long long>(mixed(seed + text.size())));
-        text += chunk;
-    }
-    text.resize(length);
-    return text;
-}
-
-// A branch name out of a title: its first four words, lower-case, joined by dashes.
-std::string branchOf(std::string_view title) {
-    std::string branch;
-    int words = 0;
-    bool inWord = false;
-    for (char c : title) {
-        const bool letter = std::isalnum(static_cast<unsigned char>(c)) != 0;
-        if (letter && !inWord) {
-            if (++words > 4) {
-                break;
-            }
-            if (!branch.empty()) {
-                branch += '-';
-            }
-        }
-        inWord = letter;
-        if (letter) {
-            branch += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        }
-    }
-    return branch;
-}
-
-// An ed25519 public key text made of bytes of the seed: well formed, so it has a fingerprint,
-// though nobody holds its private half.
-std::string madeUpKey(std::uint64_t seed, std::string_view comment) {
-    std::string blob;
-    auto appendString = [&blob](std::string_view text) {
-        for (int shift = 24; shift >= 0; shift -= 8) {
-            blob += static_cast<char>((text.size() >> shift) & 0xff);
-        }
-        blob += text;
-    };
-    std::string point;
-    for (int part = 0; part < 4; ++part) {
-        const std::uint64_t bits = mixed(seed * 4 + static_cast<std::uint64_t>(part));
-        for (int index = 0; index < 8; ++index) {
-            point += static_cast<char>(bits >> (8 * index));
-        }
-    }
-    appendString("ssh-ed25519");
-    appendString(point);
-    return "ssh-ed25519 " + vt::base64String(blob) + " " + std::string(comment);
-}
-
-// Whether a public key text is "type base64 [comment]" whose body names the same type.
-bool isPublicKey(std::string_view text) {
-    const std::size_t space = text.find(' ');
-    if (space == std::string_view::npos) {
-        return false;
-    }
-    const std::string_view type = text.substr(0, space);
-    std::string_view body = text.substr(space + 1);
-    body = body.substr(0, body.find(' '));
-    const std::optional<VTData> blob = vt::dataWithBase64(body);
-    if (!blob || blob->size() < 4 + type.size()) {
-        return false;
-    }
-    const std::size_t length = (static_cast<unsigned char>((*blob)[0]) << 24) |
-                               (static_cast<unsigned char>((*blob)[1]) << 16) |
-                               (static_cast<unsigned char>((*blob)[2]) << 8) |
-                               static_cast<unsigned char>((*blob)[3]);
-    return length == type.size() &&
-           std::string_view(reinterpret_cast<const char*>(blob->data()) + 4, length) == type;
-}
-
-std::optional<std::string> stringArgument(const json::object& arguments, std::string_view name) {
-    const json::value* value = arguments.if_contains(name);
-    if (value == nullptr || !value->is_string()) {
-        return std::nullopt;
-    }
-    return std::string(value->get_string());
-}
-
 // Where the request was sent: the web and API addresses the answers name.
 struct Site {
     std::string web;      // "http://github.test"
@@ -1055,49 +961,16 @@ fake::Response SampleGitHub::State::graphQl(const fake::Request& request, const 
 
 fake::Response SampleGitHub::State::sshKeys(const fake::Request&, const Site& site,
                                             boost::urls::url_view target) {
-    std::size_t perPage = 30;
-    std::size_t page = 1;
-    for (const auto& parameter : target.params()) {
-        std::size_t number = 0;
-        auto [end, fault] = std::from_chars(
-            parameter.value.data(), parameter.value.data() + parameter.value.size(), number);
-        if (fault != std::errc() || end != parameter.value.data() + parameter.value.size()) {
-            continue;  // GitHub ignores what it cannot read
-        }
-        if (parameter.key == "per_page" && number > 0) {
-            perPage = std::min<std::size_t>(number, 100);
-        } else if (parameter.key == "page" && number > 0) {
-            page = number;
-        }
-    }
+    const PageRequest page = PageRequest::of(target, 30, 100);
     json::array listed;
-    const std::size_t first = (page - 1) * perPage;
-    for (std::size_t index = first; index < keys_.size() && index < first + perPage; ++index) {
+    for (std::size_t index = page.first();
+         index < keys_.size() && index < page.first() + page.perPage; ++index) {
         listed.push_back(keyModel(site, keys_[index]));
     }
     fake::Response response = fake::Response::json(json::serialize(listed));
-    const std::size_t last = std::max<std::size_t>(1, (keys_.size() + perPage - 1) / perPage);
-    auto link = [&](std::size_t number, std::string_view relation) {
-        return "<" + site.api + "/user/keys?per_page=" + std::to_string(perPage) +
-               "&page=" + std::to_string(number) + ">; rel=\"" + std::string(relation) + "\"";
-    };
-    std::vector<std::string> links;
-    if (page > 1) {
-        links.push_back(link(page - 1, "prev"));
-    }
-    if (page < last) {
-        links.push_back(link(page + 1, "next"));
-        links.push_back(link(last, "last"));
-    }
-    if (page > 1) {
-        links.push_back(link(1, "first"));
-    }
-    if (!links.empty()) {
-        std::string header = links.front();
-        for (std::size_t index = 1; index < links.size(); ++index) {
-            header += ", " + links[index];
-        }
-        response.headers.emplace_back("Link", std::move(header));
+    if (std::string links = linkHeader(site.api, target, page, keys_.size(), LinkStyle::github);
+        !links.empty()) {
+        response.headers.emplace_back("Link", std::move(links));
     }
     return response;
 }
@@ -1120,13 +993,8 @@ fake::Response SampleGitHub::State::addSshKey(const fake::Request& request, cons
     if (!isPublicKey(key)) {
         return refuse("key is invalid. You must supply a key in OpenSSH public key format");
     }
-    // The same key body counts as the same key, whatever its comment.
-    auto body = [](std::string_view text) {
-        text.remove_prefix(text.find(' ') + 1);
-        return text.substr(0, text.find(' '));
-    };
     for (const SshKey& existing : keys_) {
-        if (body(existing.key) == body(key)) {
+        if (keyBody(existing.key) == keyBody(key)) {
             return refuse("key is already in use");
         }
     }
