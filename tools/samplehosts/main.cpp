@@ -1,5 +1,6 @@
-// vt-sample-hosts: serves the sample GitHub on a loopback port until SIGINT or SIGTERM.
+// vt-sample-hosts: serves the sample hosts on loopback ports until SIGINT or SIGTERM.
 
+#include "samplehosts/sample_bitbucket.h"
 #include "samplehosts/sample_github.h"
 
 #include <signal.h>
@@ -13,8 +14,9 @@
 namespace {
 
 constexpr std::string_view kUsage = R"(Usage: vt-sample-hosts [OPTIONS]
-Serves a sample GitHub on 127.0.0.1 (an ephemeral port) until interrupted, and prints the port
-and the VELDTRACK_CONNECT_TO value that routes its API name, api.github.test, to it.
+Serves a sample GitHub and a sample Bitbucket on 127.0.0.1 (an ephemeral port each) until
+interrupted, and prints the ports and the VELDTRACK_CONNECT_TO value that routes their names
+(api.github.test; bitbucket.test and api.bitbucket.test) to them.
 
 The signed-in user is mara-lindqvist; the open pull requests are those of
 http://github.test/openkiln/kiln. The only token it accepts is the public demo text
@@ -29,6 +31,22 @@ Options (the size of the sample):
   --ssh-keys N        SSH keys of the user (default 3)
   --delay-ms N        milliseconds added to every answer (default 0)
   --help              show this help
+
+The sample Bitbucket (web host bitbucket.test, API api.bitbucket.test, both routed by the same
+VELDTRACK_CONNECT_TO) has the user mara-lindqvist in the workspaces tidewater, northwind-tools,
+harbour-ops and lakeside-labs, and the open pull requests of
+http://bitbucket.test/tidewater/tilestream. It takes the Bearer token
+"sample-bitbucket-demo-token", renews the expired "sample-bitbucket-expired-token" once with the
+refresh token "sample-bitbucket-refresh-token" for the OAuth client
+"veldtrack-demo-bitbucket-client" (secret "veldtrack-demo-bitbucket-secret"), and takes Basic
+sign-ins with the e-mail address mara@example.org and the API token "sample-bitbucket-api-token".
+All of these are public demonstration values. Its size:
+  --bitbucket-pull-requests N   open pull requests of tidewater/tilestream (default 6)
+  --bitbucket-comments N        comments of every pull request, replies included (default 10)
+  --bitbucket-commits N         commits of every pull request (default 9)
+  --bitbucket-diffstat-files N  files of every pull request's diffstat (default 240)
+  --bitbucket-repositories N    repositories of harbour-ops beside the named ones (default 0)
+  --bitbucket-ssh-keys N        SSH keys of the user (default 3)
 )";
 
 bool readCount(std::string_view text, int& count) {
@@ -41,6 +59,7 @@ bool readCount(std::string_view text, int& count) {
 
 int main(int argc, char** argv) {
     vt::sample::GitHubScale scale;
+    vt::sample::BitbucketScale bitbucketScale;
     int delay = 0;
     const std::pair<std::string_view, int*> options[] = {
         {"--pull-requests", &scale.pullRequests},
@@ -50,6 +69,12 @@ int main(int argc, char** argv) {
         {"--commits", &scale.commits},
         {"--ssh-keys", &scale.sshKeys},
         {"--delay-ms", &delay},
+        {"--bitbucket-pull-requests", &bitbucketScale.pullRequests},
+        {"--bitbucket-comments", &bitbucketScale.comments},
+        {"--bitbucket-commits", &bitbucketScale.commits},
+        {"--bitbucket-diffstat-files", &bitbucketScale.diffstatFiles},
+        {"--bitbucket-repositories", &bitbucketScale.extraRepositories},
+        {"--bitbucket-ssh-keys", &bitbucketScale.sshKeys},
     };
     for (int index = 1; index < argc; ++index) {
         const std::string_view argument = argv[index];
@@ -74,6 +99,7 @@ int main(int argc, char** argv) {
         ++index;
     }
     scale.delay = std::chrono::milliseconds(delay);
+    bitbucketScale.delay = scale.delay;
 
     // Blocked before the host's threads start, so that only the wait below takes the signals.
     sigset_t stopping;
@@ -85,12 +111,19 @@ int main(int argc, char** argv) {
 
     try {
         vt::sample::SampleGitHub github(scale);
+        vt::sample::SampleBitbucket bitbucket(bitbucketScale);
         std::cout << "Sample GitHub (user mara-lindqvist) listening on 127.0.0.1:" << github.port()
-                  << "\nVELDTRACK_CONNECT_TO=" << github.connectTo()
+                  << "\nVELDTRACK_CONNECT_TO=" << github.connectTo() << "," << bitbucket.connectTo()
                   << "\nRepository with open pull requests: " << vt::sample::kSampleGitHubRepository
                   << " (newest #" << github.newestPullRequest() << ", from a fork #"
-                  << github.forkPullRequest() << ")\n"
-                  << "Press Ctrl-C to stop." << std::endl;
+                  << github.forkPullRequest() << ")\n";
+        std::cout << "Sample Bitbucket (user mara-lindqvist) listening on 127.0.0.1:"
+                  << bitbucket.port() << "\nBitbucket repository with open pull requests: "
+                  << vt::sample::kSampleBitbucketRepository << " (newest #"
+                  << bitbucket.newestPullRequest() << ", from a fork #"
+                  << bitbucket.forkPullRequest() << ", with a conflict #"
+                  << bitbucket.conflictPullRequest() << ")\n";
+        std::cout << "Press Ctrl-C to stop." << std::endl;
         int received = 0;
         sigwait(&stopping, &received);
         std::cout << "vt-sample-hosts: stopping (" << strsignal(received) << ")" << std::endl;
