@@ -1,5 +1,7 @@
 #include "transport/timeline.h"
 
+#include <cmath>
+#include <limits>
 #include <utility>
 
 namespace vt {
@@ -8,12 +10,42 @@ double timelineMoment(const std::optional<std::string>& text, std::string_view p
     return text ? momentWithIsoText(*text, pattern).value_or(0.0) : 0.0;
 }
 
+namespace {
+
+double nextKey(double key) {
+    const double stepped = key + 0.1;
+    return stepped != key ? stepped : std::nextafter(key, std::numeric_limits<double>::infinity());
+}
+
+}  // namespace
+
 double Timeline::add(double moment, TimelineItem item) {
-    while (items_.contains(moment)) {
-        moment += 0.1;
+    if (!std::isfinite(moment)) {
+        moment = 0.0;
     }
-    items_.emplace(moment, std::move(item));
-    return moment;
+    const auto last = lastKeys_.find(moment);
+    double key = last != lastKeys_.end() ? last->second : moment;
+    ++probes_;
+    while (items_.contains(key)) {
+        key = nextKey(key);
+        ++probes_;
+    }
+    items_.emplace(key, std::move(item));
+    lastKeys_[moment] = key;
+    return key;
+}
+
+void Timeline::keepComments(const std::function<bool(VTPullRequestComment&)>& keep) {
+    for (auto item = items_.begin(); item != items_.end();) {
+        auto* comment = std::get_if<VTPullRequestComment>(&item->second);
+        if (comment != nullptr && !keep(*comment)) {
+            item = items_.erase(item);
+            // A freed key may lie before where some moment's stepping stopped: step afresh.
+            lastKeys_.clear();
+        } else {
+            ++item;
+        }
+    }
 }
 
 void Timeline::appendTo(VTConversation& conversation) const {

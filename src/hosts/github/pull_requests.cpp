@@ -2,14 +2,15 @@
 
 #include "hosts/github/github_host.h"
 #include "hosts/github/queries.h"
-#include "hosts/github/support.h"
 #include "transport/dates.h"
 #include "transport/paging.h"
+#include "transport/reading.h"
 #include "transport/timeline.h"
 
 #include <string>
 #include <utility>
 
+using namespace vt;
 using namespace vt::github;
 
 namespace {
