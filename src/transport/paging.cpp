@@ -96,34 +96,76 @@ bool pageGraphQlFrom(const VTHost& host, const VTUrl& url, const boost::json::va
     }
 }
 
-bool pageLinks(const VTHost& host, const VTUrl& firstUrl, const LinkPage& page, VTToken& token,
-               VTError* error) {
+namespace {
+
+// The address of the page after `answer`, given the "next" address of its "Link" header.
+using NextAddress =
+    std::function<std::string(const boost::json::value& answer, const std::string& link)>;
+
+// The loop of the address-paged lists: GET, hand over, follow the next address, refusing an
+// address that is no URL or that came before.
+bool followAddresses(const VTHost& host, const VTUrl& firstUrl, bool readsLink,
+                     const NextPage& page, const NextAddress& nextAddress, VTToken& token,
+                     VTError* error) {
     std::set<std::string, std::less<>> addresses{std::string(firstUrl.buffer())};
     VTUrl url = firstUrl;
     for (;;) {
         std::string link;
-        std::optional<boost::json::value> answer = host.jsonGetWithUrl(url, token, &link, error);
+        std::optional<boost::json::value> answer =
+            host.jsonGetWithUrl(url, token, readsLink ? &link : nullptr, error);
         if (!answer) {
             return false;
         }
-        if (!page(*answer, error)) {
-            return false;
+        switch (page(*answer, error)) {
+            case PageStep::failed:
+                return false;
+            case PageStep::last:
+                return true;
+            case PageStep::more:
+                break;
         }
-        if (link.empty()) {
+        const std::string address = nextAddress(*answer, link);
+        if (address.empty()) {
             return true;
         }
-        auto next = boost::urls::parse_uri(link);
+        auto next = boost::urls::parse_uri(address);
         if (!next) {
             setPagingError(error, "The host sent a next-page address that is not a URL.");
             return false;
         }
-        if (!addresses.insert(link).second) {
+        if (!addresses.insert(address).second) {
             setPagingError(error,
                            "The host sent the same next-page address twice; paging stopped.");
             return false;
         }
         url = *next;
     }
+}
+
+}  // namespace
+
+bool pageLinks(const VTHost& host, const VTUrl& firstUrl, const LinkPage& page, VTToken& token,
+               VTError* error) {
+    return followAddresses(
+        host, firstUrl, true,
+        [&page](const boost::json::value& answer, VTError* pageError) {
+            return page(answer, pageError) ? PageStep::more : PageStep::failed;
+        },
+        [](const boost::json::value&, const std::string& link) { return link; }, token, error);
+}
+
+bool pageNext(const VTHost& host, const VTUrl& firstUrl, const NextPage& page, VTToken& token,
+              VTError* error) {
+    return followAddresses(
+        host, firstUrl, false, page,
+        [](const boost::json::value& answer, const std::string&) {
+            const boost::json::object* object = answer.if_object();
+            const boost::json::value* next =
+                object != nullptr ? object->if_contains("next") : nullptr;
+            return next != nullptr && next->is_string() ? std::string(next->get_string())
+                                                        : std::string();
+        },
+        token, error);
 }
 
 }  // namespace vt

@@ -1,10 +1,11 @@
 #pragma once
 
 // Paging, written once for every adapter: GraphQL connections followed by their "pageInfo"
-// ("endCursor", "hasNextPage"), and REST lists followed by the "next" address of the "Link"
-// header. An adapter states its request texts and what it reads from each page; the loops, the
-// failure rules (a failed page fails the whole operation) and the guard against a host that hands
-// back the same cursor or address twice live here.
+// ("endCursor", "hasNextPage"), REST lists followed by the "next" address of the "Link" header,
+// and REST lists whose answers name their next page in a "next" member. An adapter states its
+// request texts and what it reads from each page; the loops, the failure rules (a failed page fails
+// the whole operation) and the guard against a host that hands back the same cursor or address
+// twice live here.
 
 #include "records/error.h"
 #include "records/values.h"
@@ -42,6 +43,11 @@ using CursorPage = std::function<bool(const boost::json::object& connection,
 // Called once per page of a "Link"-paged list with the decoded answer; false stops as above.
 using LinkPage = std::function<bool(const boost::json::value& answer, VTError* error)>;
 
+// What a page of a "next"-paged list tells the loop: read on, stop here with success (the caller
+// found what it was looking for), or stop as a failure (the callback has set *error).
+enum class PageStep { more, last, failed };
+using NextPage = std::function<PageStep(const boost::json::value& answer, VTError* error)>;
+
 // The content of a GraphQL request: {"query": text}.
 boost::json::object graphQlContent(std::string_view text);
 
@@ -63,6 +69,12 @@ bool pageGraphQlFrom(const VTHost& host, const VTUrl& url, const boost::json::va
 // header until there is none. Failures as for pageGraphQl.
 bool pageLinks(const VTHost& host, const VTUrl& firstUrl, const LinkPage& page, VTToken& token,
                VTError* error);
+
+// GETs `firstUrl`, hands each answer to `page`, and while the page asks for more follows the
+// answer's "next" member (an address taken as it stands) until it is missing or empty.
+// Failures as for pageGraphQl.
+bool pageNext(const VTHost& host, const VTUrl& firstUrl, const NextPage& page, VTToken& token,
+              VTError* error);
 
 // Paging errors, all VTHTTPErrorDomain with code 200 (the status of the answer that was refused):
 //   "The host sent the same page cursor twice; paging stopped."

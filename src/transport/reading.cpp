@@ -1,6 +1,8 @@
 #include "transport/reading.h"
 
+#include <boost/url/encode.hpp>
 #include <boost/url/parse.hpp>
+#include <boost/url/rfc/pchars.hpp>
 
 #include <array>
 #include <charconv>
@@ -96,6 +98,19 @@ std::optional<VTUrl> urlWithText(std::string_view text) {
         return std::nullopt;
     }
     return VTUrl(*parsed);
+}
+
+std::optional<VTUrl> urlWithQueryText(std::string_view text, VTError* error) {
+    // What a query may hold unescaped: RFC 3986 "pchar", "/" and "?".
+    static constexpr boost::urls::grammar::lut_chars kQueryAllowed =
+        boost::urls::pchars + '/' + '?';
+    const std::string encoded = boost::urls::encode(text, kQueryAllowed);
+    auto url = urlWithText(encoded);
+    if (!url) {
+        VTSetError(error,
+                   VTError(VTURLErrorDomain, -1000, "The address " + encoded + " is not a URL."));
+    }
+    return url;
 }
 
 std::string placeText(const boost::json::value* value) {

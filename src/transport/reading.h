@@ -47,6 +47,11 @@ std::optional<std::string> urlAt(JsonRoot root, std::initializer_list<std::strin
 // The absolute URL of `text`, or nullopt when it is none.
 std::optional<VTUrl> urlWithText(std::string_view text);
 
+// The absolute URL of `text` after percent-encoding every character a URL's query may not hold,
+// the text taken as a whole: "://", "/", "?", "&", "=" and "," stay, a blank becomes "%20" and
+// "%" becomes "%25". nullopt with a VTURLErrorDomain error (-1000) when the result is no URL.
+std::optional<VTUrl> urlWithQueryText(std::string_view text, VTError* error);
+
 // `text` with each "%@" replaced by the next of `values`, in order; places beyond the values stay.
 std::string fillText(std::string_view text, std::initializer_list<std::string_view> values);
 

@@ -75,7 +75,7 @@ TEST(ServiceProcess, TheFirstCallStartsTheServiceAndTypesWithoutAnAdapterAnswerE
     PrivateBus bus;
     ASSERT_FALSE(bus.ownerPid(vt::bus::kServiceName));
     Client client;
-    for (const std::int64_t type : {std::int64_t{0}, std::int64_t{2}, std::int64_t{3}}) {
+    for (const std::int64_t type : {std::int64_t{0}, std::int64_t{2}, std::int64_t{4}}) {
         const Outcome privacy = client.call("GetPrivacyWithUrl", "https://gitlab.test/a/b", type,
                                             boost::json::object());
         ASSERT_TRUE(privacy.reply) << privacy.errorName << ": " << privacy.errorMessage;

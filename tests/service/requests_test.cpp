@@ -3,6 +3,7 @@
 // fork lookup.
 
 #include "harness.h"
+#include "hosts/bitbucket/bitbucket_host.h"
 #include "hosts/github/github_host.h"
 #include "service/host_factory.h"
 
@@ -272,10 +273,11 @@ TEST_F(ServiceRequests, HostTypesWithoutAnAdapterAnswerEmptyRepliesAndNoError) {
     EXPECT_TRUE(adapters.calls().empty());
 }
 
-TEST(HostForUrl, BuildsTheGitHubAdapterForTypeOneAndNoAdapterForAnyOtherType) {
+TEST(HostForUrl, BuildsTheGitHubAndBitbucketAdaptersAndNoAdapterForAnyOtherType) {
     const VTUrl url("https://github.com/octocat/hello.git");
     EXPECT_NE(dynamic_cast<VTGitHubHost*>(VTHostForUrl(url, 1).get()), nullptr);
-    for (const std::int64_t type : {0, 2, 3, 4, -1}) {
+    EXPECT_NE(dynamic_cast<VTBitbucketbHost*>(VTHostForUrl(url, 3).get()), nullptr);
+    for (const std::int64_t type : {0, 2, 4, -1}) {
         EXPECT_EQ(VTHostForUrl(url, type), nullptr) << type;
     }
 }
