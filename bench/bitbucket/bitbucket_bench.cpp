@@ -1,0 +1,89 @@
+// The hosts service end to end against a Bitbucket 20 ms away (bench/support/end_to_end.h says
+// what is measured).
+//
+// ListPullRequests: 200 open pull requests, four pages of 50.
+// LoadConversation: the user, the details, a diffstat of three pages of 200 files, 120 comments
+// (threaded, some deleted) in three pages of 50 and 250 commits in three pages of 100.
+
+#include "end_to_end.h"
+#include "records/records.h"
+#include "records/wire.h"
+#include "samplehosts/sample_bitbucket.h"
+
+#include <benchmark/benchmark.h>
+
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+struct World {
+    vt::sample::SampleBitbucket bitbucket{{.pullRequests = 200,
+                                           .comments = 120,
+                                           .commits = 250,
+                                           .diffstatFiles = 500,
+                                           .delay = std::chrono::milliseconds(20)}};
+    vt::bench::EndToEnd service{bitbucket.host(), bitbucket.connectTo()};
+    const VTToken token{{"token_type", "Bearer"},
+                        {"access_token", std::string(vt::sample::kSampleBitbucketToken)}};
+};
+std::unique_ptr<World> world;
+
+void ListPullRequests(benchmark::State& state) {
+    const std::string url(vt::sample::kSampleBitbucketRepository);
+    world->service.run(
+        state, "ListPullRequests", "GetPullRequestsWithUrl",
+        [&url](sdbus::MethodCall& call) {
+            call << url << std::int64_t{3};
+            vt::wire::appendDictionary(call, world->token);
+        },
+        [](const boost::json::object& reply) {
+            if (reply.at("pullRequests").as_array().size() != 200) {
+                throw std::runtime_error("the list does not hold 200 pull requests");
+            }
+        });
+}
+BENCHMARK(ListPullRequests)->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
+
+void LoadConversation(benchmark::State& state) {
+    VTPullRequest pullRequest;
+    pullRequest.remoteUrl = std::string(vt::sample::kSampleBitbucketRepository);
+    pullRequest.hostType = 3;
+    // The newest has no conflict, so the whole diffstat is read.
+    pullRequest.number = world->bitbucket.newestPullRequest();
+    pullRequest.identifier = std::to_string(*pullRequest.number);
+    pullRequest.author = "priya-nair";
+    pullRequest.date = "2024-09-11T03:15:00+0000";
+    const boost::json::object record = pullRequest.toValue();
+    world->service.run(
+        state, "LoadConversation", "GetCommentsForPullRequest",
+        [&record](sdbus::MethodCall& call) {
+            vt::wire::appendDictionary(call, record);
+            vt::wire::appendDictionary(call, world->token);
+        },
+        [](const boost::json::object& reply) {
+            const auto& items = reply.at("conversation").as_array();
+            // Threads answer at the top level only in part: 60 of the 108 comments kept are
+            // top-level ones, and the commits come in groups.
+            if (items.size() < 60 || items.front().at("mergeable").to_number<int>() != 0) {
+                throw std::runtime_error("the conversation is not the whole pull request");
+            }
+        });
+}
+BENCHMARK(LoadConversation)->UseManualTime()->Iterations(25)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    world = std::make_unique<World>();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    for (const std::string& line : world->service.summary()) {
+        std::cout << line << "\n";
+    }
+    world.reset();
+    return 0;
+}
