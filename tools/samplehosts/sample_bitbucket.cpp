@@ -136,6 +136,13 @@ constexpr std::string_view kCommentTexts[] = {
     "Let's keep the flag undocumented until the next release.",
     "Thanks, merging once the pipeline is green.",
 };
+constexpr std::string_view kReplyTexts[] = {
+    "Good point, I'll change it.",
+    "Agreed, let's leave that for a follow-up.",
+    "Fixed in the last push.",
+    "Same here on the North Sea tiles.",
+    "Not any more: the old path goes in this change.",
+};
 constexpr std::string_view kCommitHeadlines[] = {
     "Add a first version of the change",
     "Handle empty layers",
@@ -703,6 +710,8 @@ void SampleBitbucket::State::makeConversation(PullRequest& pullRequest) const {
             const int parents[10] = {-1, 0, -1, 1, -1, 4, -1, -1, 6, -1};
             if (parents[place] >= 0) {
                 made.parent = 480000000 + pullRequest.id * 10000 + cycle + parents[place];
+                made.raw = std::string(
+                    kReplyTexts[static_cast<std::size_t>(seed + comment) % std::size(kReplyTexts)]);
             }
             if (place == 4 || place == 7) {
                 made.deleted = true;
