@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The main job, from a fresh Debian 12 machine: set-up, the build, then the hosts service at work
-# against the bundled sample GitHub. A private session bus (never the user's own) activates the
-# service binary just built on the first call; vthosts asks it for the profile, the repositories,
-# the SSH keys, the open pull requests and one pull request's conversation, and adds a comment.
+# against the bundled sample hosts (GitHub, Bitbucket). A private session bus (never the user's
+# own) activates the service binary just built on the first call; vthosts asks it for the profile,
+# the repositories, the SSH keys, the open pull requests and one pull request's conversation, and
+# adds a comment; on Bitbucket the expired token it starts with is renewed on the way and kept.
 # Everything it starts is ended on exit, Ctrl-C included.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -10,7 +11,11 @@ cd "$root"
 
 bash scripts/setup.sh
 echo "== building (build/)"
-bash scripts/build.sh build
+# The OAuth client the sample Bitbucket knows, written beside the service by the build: public
+# demonstration values, not secrets.
+bitbucket_client=(-DVELDTRACK_BITBUCKET_CLIENT_ID=veldtrack-demo-bitbucket-client
+    -DVELDTRACK_BITBUCKET_CLIENT_SECRET=veldtrack-demo-bitbucket-secret)
+bash scripts/build.sh build "${bitbucket_client[@]}"
 
 build="$root/build"
 vthosts="$build/tools/vthosts/vthosts"
@@ -67,13 +72,13 @@ wait_for_line() {
     return 1
 }
 
-echo "== starting the sample GitHub"
+echo "== starting the sample hosts"
 "$build/tools/samplehosts/vt-sample-hosts" >"$work/sample.out" 2>&1 &
 sample_pid=$!
 wait_for_line "$work/sample.out" '^VELDTRACK_CONNECT_TO='
 sed 's/^/  /' "$work/sample.out"
 connect_to=$(sed -n 's/^VELDTRACK_CONNECT_TO=//p' "$work/sample.out")
-fork_number=$(sed -n 's/.*from a fork #\([0-9]*\).*/\1/p' "$work/sample.out")
+fork_number=$(sed -n 's/^Repository with .*from a fork #\([0-9]*\).*/\1/p' "$work/sample.out")
 
 echo "== starting a private session bus that activates build/src/service/veldtrack-hosts-service"
 cat >"$work/bus.conf" <<EOF
@@ -132,5 +137,51 @@ echo "== a comment:  vthosts comment --pull-request FILE --message TEXT, then th
 ask comment --pull-request "$work/pull-request.json" \
     --message "Tried it on the sample tiles: works for me." >/dev/null
 ask conversation --pull-request "$work/pull-request.json" | render conversation | tail -n 4
+
+# ---- Bitbucket: the same requests with --host bitbucket. The token starts out as an access token
+# that has expired and the refresh token that renews it (public demo values); the first request
+# renews it on the way and vthosts keeps the renewed token in the token file (--save-token).
+bitbucket_site=http://bitbucket.test
+bitbucket_repository=http://bitbucket.test/tidewater/tilestream
+bitbucket_fork=$(sed -n 's/^Bitbucket repository with .*from a fork #\([0-9]*\).*/\1/p' "$work/sample.out")
+bitbucket_token="$work/bitbucket-token.json"
+(
+    umask 077
+    printf '%s\n' '{"token_type": "Bearer", "access_token": "sample-bitbucket-expired-token",' \
+        ' "refresh_token": "sample-bitbucket-refresh-token"}' >"$bitbucket_token"
+    cp "$bitbucket_token" "$work/bitbucket-token.first"
+)
+# Pull request records name their host themselves; the other requests take --host bitbucket.
+ask_bitbucket() {
+    ask "$@" --token-file "$bitbucket_token" --save-token "$bitbucket_token"
+}
+
+echo
+echo "== Bitbucket profile, with an expired token:  vthosts profile --url $bitbucket_site --host bitbucket --token-file FILE --save-token FILE"
+ask_bitbucket profile --url "$bitbucket_site" --host bitbucket | render profile
+render token-change "$work/bitbucket-token.first" <"$bitbucket_token"
+echo
+echo "== Bitbucket repositories:  vthosts repositories --url $bitbucket_site --host bitbucket"
+ask_bitbucket repositories --url "$bitbucket_site" --host bitbucket | render repositories
+echo
+echo "== Bitbucket SSH keys:  vthosts ssh-keys --url $bitbucket_site --host bitbucket"
+ask_bitbucket ssh-keys --url "$bitbucket_site" --host bitbucket | render ssh-keys
+echo
+echo "== Bitbucket open pull requests:  vthosts pull-requests $bitbucket_repository --host bitbucket"
+ask_bitbucket pull-requests "$bitbucket_repository" --host bitbucket >"$work/bitbucket-pull-requests.json"
+render pull-requests <"$work/bitbucket-pull-requests.json"
+echo
+echo "== Bitbucket conversation of #$bitbucket_fork (threads, a deleted comment that has answers):  vthosts conversation --pull-request FILE"
+render pick "$bitbucket_fork" <"$work/bitbucket-pull-requests.json" >"$work/bitbucket-pull-request.json"
+ask_bitbucket conversation --pull-request "$work/bitbucket-pull-request.json" \
+    >"$work/bitbucket-conversation.json"
+render conversation <"$work/bitbucket-conversation.json"
+render record <"$work/bitbucket-conversation.json" >"$work/bitbucket-pull-request.json"
+echo
+echo "== a Bitbucket comment:  vthosts comment --pull-request FILE --message TEXT, then the conversation's end"
+ask_bitbucket comment --pull-request "$work/bitbucket-pull-request.json" \
+    --message "Checked the tiles at z0: the bounding box is right now." >/dev/null
+ask_bitbucket conversation --pull-request "$work/bitbucket-pull-request.json" |
+    render conversation | tail -n 4
 echo
 echo "demo: done"
