@@ -12,7 +12,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -77,13 +76,5 @@ BENCHMARK(LoadConversation)->UseManualTime()->Iterations(25)->Unit(benchmark::kM
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    world = std::make_unique<World>();
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    for (const std::string& line : world->service.summary()) {
-        std::cout << line << "\n";
-    }
-    world.reset();
-    return 0;
+    return vt::bench::runEndToEnd(argc, argv, world);
 }

@@ -22,6 +22,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -64,5 +65,20 @@ private:
     pid_t service_ = 0;
     std::vector<std::string> summary_;
 };
+
+// The main function of an end-to-end benchmark: makes the world (which holds an EndToEnd named
+// `service`), runs the registered benchmarks on it, prints the summary and drops the world.
+template <typename World>
+int runEndToEnd(int argc, char** argv, std::unique_ptr<World>& world) {
+    benchmark::Initialize(&argc, argv);
+    world = std::make_unique<World>();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    for (const std::string& line : world->service.summary()) {
+        std::cout << line << "\n";
+    }
+    world.reset();
+    return 0;
+}
 
 }  // namespace vt::bench
