@@ -6,8 +6,6 @@
 // (threaded, some deleted) in three pages of 50 and 250 commits in three pages of 100.
 
 #include "end_to_end.h"
-#include "records/records.h"
-#include "records/wire.h"
 #include "samplehosts/sample_bitbucket.h"
 
 #include <benchmark/benchmark.h>
@@ -31,18 +29,8 @@ struct World {
 std::unique_ptr<World> world;
 
 void ListPullRequests(benchmark::State& state) {
-    const std::string url(vt::sample::kSampleBitbucketRepository);
-    world->service.run(
-        state, "ListPullRequests", "GetPullRequestsWithUrl",
-        [&url](sdbus::MethodCall& call) {
-            call << url << std::int64_t{3};
-            vt::wire::appendDictionary(call, world->token);
-        },
-        [](const boost::json::object& reply) {
-            if (reply.at("pullRequests").as_array().size() != 200) {
-                throw std::runtime_error("the list does not hold 200 pull requests");
-            }
-        });
+    world->service.runListPullRequests(state, std::string(vt::sample::kSampleBitbucketRepository),
+                                       3, world->token, 200);
 }
 BENCHMARK(ListPullRequests)->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
 
@@ -55,18 +43,11 @@ void LoadConversation(benchmark::State& state) {
     pullRequest.identifier = std::to_string(*pullRequest.number);
     pullRequest.author = "priya-nair";
     pullRequest.date = "2024-09-11T03:15:00+0000";
-    const boost::json::object record = pullRequest.toValue();
-    world->service.run(
-        state, "LoadConversation", "GetCommentsForPullRequest",
-        [&record](sdbus::MethodCall& call) {
-            vt::wire::appendDictionary(call, record);
-            vt::wire::appendDictionary(call, world->token);
-        },
-        [](const boost::json::object& reply) {
-            const auto& items = reply.at("conversation").as_array();
-            // Threads answer at the top level only in part: 60 of the 108 comments kept are
-            // top-level ones, and the commits come in groups.
-            if (items.size() < 60 || items.front().at("mergeable").to_number<int>() != 0) {
+    world->service.runLoadConversation(
+        state, pullRequest, world->token, [](const boost::json::array& items) {
+            // The pull request, its description, then 60 top-level comments (108 with their
+            // answers) among the commit groups, and the final yes.
+            if (items.size() < 63 || items.front().at("mergeable") != 0) {
                 throw std::runtime_error("the conversation is not the whole pull request");
             }
         });

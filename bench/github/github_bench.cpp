@@ -6,8 +6,6 @@
 // follow-ups.
 
 #include "end_to_end.h"
-#include "records/records.h"
-#include "records/wire.h"
 #include "samplehosts/sample_github.h"
 
 #include <benchmark/benchmark.h>
@@ -33,18 +31,8 @@ struct World {
 std::unique_ptr<World> world;
 
 void ListPullRequests(benchmark::State& state) {
-    const std::string url(vt::sample::kSampleGitHubRepository);
-    world->service.run(
-        state, "ListPullRequests", "GetPullRequestsWithUrl",
-        [&url](sdbus::MethodCall& call) {
-            call << url << std::int64_t{1};
-            vt::wire::appendDictionary(call, world->token);
-        },
-        [](const boost::json::object& reply) {
-            if (reply.at("pullRequests").as_array().size() != 1000) {
-                throw std::runtime_error("the list does not hold 1,000 pull requests");
-            }
-        });
+    world->service.runListPullRequests(state, std::string(vt::sample::kSampleGitHubRepository), 1,
+                                       world->token, 1000);
 }
 BENCHMARK(ListPullRequests)->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
 
@@ -55,15 +43,8 @@ void LoadConversation(benchmark::State& state) {
     pullRequest.number = world->github.newestPullRequest();
     pullRequest.author = "aiko-tanaka";
     pullRequest.date = "2024-06-19T04:30:00Z";
-    const boost::json::object record = pullRequest.toValue();
-    world->service.run(
-        state, "LoadConversation", "GetCommentsForPullRequest",
-        [&record](sdbus::MethodCall& call) {
-            vt::wire::appendDictionary(call, record);
-            vt::wire::appendDictionary(call, world->token);
-        },
-        [](const boost::json::object& reply) {
-            const auto& items = reply.at("conversation").as_array();
+    world->service.runLoadConversation(
+        state, pullRequest, world->token, [](const boost::json::array& items) {
             if (items.size() < 60 || items.front().at("assignees").as_array().size() != 120) {
                 throw std::runtime_error("the conversation is not the whole pull request");
             }

@@ -179,4 +179,33 @@ void EndToEnd::run(benchmark::State& state, const char* name, const char* member
     summary_.push_back(line.str());
 }
 
+void EndToEnd::runListPullRequests(benchmark::State& state, const std::string& url,
+                                   std::int64_t hostType, const VTToken& token, std::size_t count) {
+    run(
+        state, "ListPullRequests", "GetPullRequestsWithUrl",
+        [&](sdbus::MethodCall& call) {
+            call << url << hostType;
+            wire::appendDictionary(call, token);
+        },
+        [count](const boost::json::object& reply) {
+            if (reply.at("pullRequests").as_array().size() != count) {
+                throw std::runtime_error("the list does not hold " + std::to_string(count) +
+                                         " pull requests");
+            }
+        });
+}
+
+void EndToEnd::runLoadConversation(benchmark::State& state, const VTPullRequest& pullRequest,
+                                   const VTToken& token,
+                                   const std::function<void(const boost::json::array&)>& check) {
+    const boost::json::object record = pullRequest.toValue();
+    run(
+        state, "LoadConversation", "GetCommentsForPullRequest",
+        [&](sdbus::MethodCall& call) {
+            wire::appendDictionary(call, record);
+            wire::appendDictionary(call, token);
+        },
+        [&check](const boost::json::object& reply) { check(reply.at("conversation").as_array()); });
+}
+
 }  // namespace vt::bench

@@ -14,6 +14,7 @@
 // After a few warm-up calls, each benchmark repeats its call and reports the median and the best.
 
 #include "fakehost/fake_host.h"
+#include "records/records.h"
 
 #include <benchmark/benchmark.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -21,6 +22,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -50,6 +52,14 @@ public:
     // figures as counters and as one line of the summary.
     void run(benchmark::State& state, const char* name, const char* member, const Fill& fill,
              const Check& check);
+
+    // The two calls every host's benchmark makes: the open pull requests of `url`, which must
+    // number `count`, and the conversation of `pullRequest`, which `check` reads.
+    void runListPullRequests(benchmark::State& state, const std::string& url, std::int64_t hostType,
+                             const VTToken& token, std::size_t count);
+    void runLoadConversation(benchmark::State& state, const VTPullRequest& pullRequest,
+                             const VTToken& token,
+                             const std::function<void(const boost::json::array&)>& check);
 
     // One line per benchmark run, to print after Google Benchmark's own table.
     const std::vector<std::string>& summary() const { return summary_; }
