@@ -25,13 +25,13 @@ if ((${#missing[@]} > 0)); then
     DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-# The GraphQL validator (graphql-js) checks every query text the adapters send against the hosts'
-# published schemas. It lives in a cache folder of the checkout; without it those tests skip.
-tool_source="$root/../shared/tools/graphql-validate"
+# The GraphQL validator (graphql-js from npm) checks every query text the adapters send against the
+# hosts' published schemas in tests/schemas. It is installed into a cache folder of the checkout;
+# without it those tests skip with a message.
 tool="$root/.cache/graphql-validate"
-if [ -f "$tool_source/validate.js" ] && [ ! -d "$tool/node_modules/graphql" ]; then
+if [ ! -d "$tool/node_modules/graphql" ] || ! cmp -s "$root/tools/graphql-validate/package.json" "$tool/package.json"; then
     mkdir -p "$tool"
-    cp "$tool_source/validate.js" "$tool_source/package.json" "$tool/"
+    cp "$root/tools/graphql-validate/package.json" "$tool/"
     (cd "$tool" && npm install --no-audit --no-fund --loglevel=error >/dev/null) ||
         echo "setup: could not install the GraphQL validator; the schema tests will be skipped" >&2
 fi

@@ -3,11 +3,12 @@
 
 #include "hosts/github/github_host.h"
 #include "hosts/github/queries.h"
-#include "hosts/github/support.h"
+#include "transport/reading.h"
 #include "transport/utilities/utilities.h"
 
 #include <string>
 
+using namespace vt;
 using namespace vt::github;
 
 namespace {

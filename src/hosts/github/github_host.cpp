@@ -1,15 +1,16 @@
 #include "hosts/github/github_host.h"
 
 #include "hosts/github/queries.h"
-#include "hosts/github/support.h"
 #include "transport/dates.h"
 #include "transport/paging.h"
+#include "transport/reading.h"
 #include "transport/utilities/utilities.h"
 
 #include <algorithm>
 #include <string>
 #include <utility>
 
+using namespace vt;
 using namespace vt::github;
 
 namespace {

@@ -2,15 +2,15 @@
 
 #include "hosts/github/github_host.h"
 #include "hosts/github/queries.h"
-#include "hosts/github/support.h"
 #include "transport/dates.h"
 #include "transport/paging.h"
+#include "transport/reading.h"
+#include "transport/timeline.h"
 
-#include <map>
 #include <string>
 #include <utility>
-#include <variant>
 
+using namespace vt;
 using namespace vt::github;
 
 namespace {
@@ -31,56 +31,6 @@ std::uint64_t mergeableState(const std::optional<std::string>& state) {
     }
     return 2;
 }
-
-// The moment of a timeline item: its ISO text, or the reference date when the text does not
-// parse.
-double timelineMoment(const std::optional<std::string>& text) {
-    return text ? vt::momentWithIsoText(*text).value_or(0.0) : 0.0;
-}
-
-// Comments and commits keyed by their moment. Items of the same moment are told apart by
-// stepping 0.1 seconds, so the one stored first keeps the earlier key and is listed first.
-class Timeline {
-public:
-    using Item = std::variant<VTPullRequestComment, VTPullRequestCommit>;
-
-    void add(double moment, Item item) {
-        while (items_.contains(moment)) {
-            moment += 0.1;
-        }
-        items_.emplace(moment, std::move(item));
-    }
-
-    // Appends the items in time order: comments as they are, runs of commits as groups. A group
-    // ends at a comment, at a commit by another author (a commit without author always starts a
-    // new group) and at a commit on another calendar day.
-    void appendTo(VTConversation& conversation) const {
-        std::optional<std::size_t> group;  // index of the current group in `conversation`
-        std::optional<std::string> lastAuthor = std::string();
-        double lastDay = 0.0;
-        bool afterComment = true;
-        for (const auto& [moment, item] : items_) {
-            if (const auto* comment = std::get_if<VTPullRequestComment>(&item)) {
-                conversation.emplace_back(*comment);
-                afterComment = true;
-                continue;
-            }
-            const auto& commit = std::get<VTPullRequestCommit>(item);
-            if (afterComment || !commit.author || commit.author != lastAuthor ||
-                !vt::isSameDay(moment, lastDay)) {
-                conversation.emplace_back(VTPullRequestCommits{});
-                group = conversation.size() - 1;
-            }
-            std::get<VTPullRequestCommits>(conversation[*group]).addCommit(commit);
-            lastAuthor = commit.author;
-            lastDay = moment;
-            afterComment = false;
-        }
-    }
-
-private:
-    std::map<double, Item> items_;
-};
 
 VTPullRequestComment commentWithNode(const boost::json::value& node) {
     VTPullRequestComment comment;
@@ -252,14 +202,14 @@ std::optional<VTConversation> VTGitHubHost::commentsForPullRequest(VTPullRequest
     pullRequest.labels = std::move(labels);
 
     // Comments are stored before commits, so a comment keeps the earlier key of a shared second.
-    Timeline timeline;
+    vt::Timeline timeline;
     if (!follow("comments", kCommentsPageQuery, [&timeline](const boost::json::value& node) {
-            timeline.add(timelineMoment(stringAt(node, {"createdAt"})), commentWithNode(node));
+            timeline.add(vt::timelineMoment(stringAt(node, {"createdAt"})), commentWithNode(node));
         })) {
         return std::nullopt;
     }
     if (!follow("commits", kCommitsPageQuery, [&timeline](const boost::json::value& node) {
-            timeline.add(timelineMoment(stringAt(node, {"commit", "committedDate"})),
+            timeline.add(vt::timelineMoment(stringAt(node, {"commit", "committedDate"})),
                          commitWithNode(node));
         })) {
         return std::nullopt;

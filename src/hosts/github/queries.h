@@ -1,12 +1,10 @@
 #pragma once
 
 // Every text the GitHub adapter sends, in one place. "%@" marks the places that are filled in, in
-// order, by fillText. The texts are the host's contract and are sent exactly as they stand, with
-// their quirks: the follow-up pages of the pull request list and of the commits ask for other
+// order, by vt::fillText. The texts are the host's contract and are sent exactly as they stand,
+// with their quirks: the follow-up pages of the pull request list and of the commits ask for other
 // fields than the first page, and the one-line merge has no comma before its empty body.
 
-#include <initializer_list>
-#include <string>
 #include <string_view>
 
 namespace vt::github {
@@ -102,9 +100,5 @@ inline constexpr std::string_view kMergeWithHeadlineMutation =
     "commitHeadline:\"%@\"commitBody:\"\"}){clientMutationId}}";
 inline constexpr std::string_view kClosePullRequestMutation =
     "mutation{closePullRequest(input:{pullRequestId:\"%@\"}){clientMutationId}}";
-
-// `text` with each "%@" replaced by the next of `values`, in order. Places beyond the values stay
-// as they are; values beyond the places are ignored.
-std::string fillText(std::string_view text, std::initializer_list<std::string_view> values);
 
 }  // namespace vt::github

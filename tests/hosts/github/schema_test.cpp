@@ -2,16 +2,10 @@
 // host (follow-up pages included), must be valid against GitHub's published schema.
 
 #include "github_test_support.h"
-
-#include <boost/json/value_from.hpp>
+#include "graphql_schema.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,62 +17,10 @@ using vt::testing::GitHubTest;
 using vt::testing::pageInfo;
 using vt::testing::urlOf;
 
-// Validates every document in one node process (starting node costs about half a second), with
-// the installed validator's own functions. Returns one result per document, in order:
-// {"valid": bool, "errors": [...], "deprecations": [...]}.
-boost::json::array validateAll(const std::vector<std::string>& documents) {
-    const std::filesystem::path folder =
-        std::filesystem::temp_directory_path() / ("vt-github-schema-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(folder);
-    std::ofstream(folder / "documents.json")
-        << boost::json::serialize(boost::json::value_from(documents));
-    std::ofstream(folder / "check.js")
-        << "const fs = require('fs');\n"
-           "const tool = require(process.argv[2]);\n"
-           "const schema = tool.loadSchema(process.argv[3]);\n"
-           "const documents = JSON.parse(fs.readFileSync(process.argv[4], 'utf8'));\n"
-           "console.log(JSON.stringify(documents.map((d) => tool.validateDocument(schema, d))));\n";
-    const std::string command = "node '" + (folder / "check.js").string() + "' '" +
-                                VT_GRAPHQL_VALIDATE_DIR + "/validate.js' '" + VT_GITHUB_SCHEMA +
-                                "' '" + (folder / "documents.json").string() + "' 2>&1";
-    std::string output;
-    if (FILE* pipe = ::popen(command.c_str(), "r")) {
-        std::array<char, 4096> buffer{};
-        while (std::fgets(buffer.data(), buffer.size(), pipe) != nullptr) {
-            output += buffer.data();
-        }
-        ::pclose(pipe);
-    }
-    std::filesystem::remove_all(folder);
-    boost::system::error_code failure;
-    boost::json::value results = boost::json::parse(output, failure);
-    if (failure || !results.is_array()) {
-        ADD_FAILURE() << "the validator did not answer: " << output;
-        return {};
-    }
-    return results.as_array();
-}
-
-std::string missingValidator() {
-    if (std::system("node --version > /dev/null 2>&1") != 0) {
-        return "node is not installed";
-    }
-    const std::filesystem::path tool(VT_GRAPHQL_VALIDATE_DIR);
-    if (!std::filesystem::exists(tool / "validate.js") ||
-        !std::filesystem::exists(tool / "node_modules" / "graphql")) {
-        return "the GraphQL validator is not installed in " + tool.string() +
-               " (run scripts/setup.sh)";
-    }
-    if (!std::filesystem::exists(VT_GITHUB_SCHEMA)) {
-        return std::string("the schema ") + VT_GITHUB_SCHEMA + " is missing";
-    }
-    return {};
-}
-
 using GitHubSchema = GitHubTest;
 
 TEST_F(GitHubSchema, EveryTextTheAdapterSendsIsValid) {
-    if (const std::string missing = missingValidator(); !missing.empty()) {
+    if (const std::string missing = vt::test::missingGraphQlValidator(); !missing.empty()) {
         GTEST_SKIP() << missing;
     }
     // One answer fits every query: each connection has a next page until a follow-up asks.
@@ -117,7 +59,8 @@ TEST_F(GitHubSchema, EveryTextTheAdapterSendsIsValid) {
     const std::set<std::string> distinct(queries.begin(), queries.end());
     const std::vector<std::string> texts(distinct.begin(), distinct.end());
     EXPECT_EQ(texts.size(), 26u) << "every distinct text the adapter can send";
-    const boost::json::array results = validateAll(texts);
+    const boost::json::array results =
+        vt::test::validateGraphQl(VT_SCHEMA_DIR "/github.graphql", texts);
     ASSERT_EQ(results.size(), texts.size());
     for (std::size_t index = 0; index < texts.size(); ++index) {
         EXPECT_TRUE(results[index].at("valid").as_bool())

@@ -1,6 +1,4 @@
-#include "hosts/github/support.h"
-
-#include "hosts/github/queries.h"
+#include "transport/reading.h"
 
 #include <boost/url/parse.hpp>
 
@@ -10,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-namespace vt::github {
+namespace vt {
 
 std::string fillText(std::string_view text, std::initializer_list<std::string_view> values) {
     constexpr std::string_view kPlace = "%@";
@@ -177,4 +175,4 @@ std::optional<RepositoryPath> repositoryPath(std::string_view urlText, VTError* 
     return repositoryPath(*url, error);
 }
 
-}  // namespace vt::github
+}  // namespace vt

@@ -1,7 +1,7 @@
 #pragma once
 
-// Reading GitHub answers and repository addresses: member paths into decoded JSON, the texts that
-// fill query places, and the owner and name of a repository URL.
+// Reading host answers and repository addresses, for every adapter: member paths into decoded
+// JSON, the texts that fill the places of query and path texts, and the parts of a repository URL.
 
 #include "records/error.h"
 #include "records/values.h"
@@ -16,7 +16,7 @@
 #include <string>
 #include <string_view>
 
-namespace vt::github {
+namespace vt {
 
 // Where a member path starts: a decoded value or an object inside one.
 class JsonRoot {
@@ -47,6 +47,9 @@ std::optional<std::string> urlAt(JsonRoot root, std::initializer_list<std::strin
 // The absolute URL of `text`, or nullopt when it is none.
 std::optional<VTUrl> urlWithText(std::string_view text);
 
+// `text` with each "%@" replaced by the next of `values`, in order; places beyond the values stay.
+std::string fillText(std::string_view text, std::initializer_list<std::string_view> values);
+
 // What stands in a query place for a value that is missing.
 inline constexpr std::string_view kMissingText = "(null)";
 
@@ -70,4 +73,4 @@ std::optional<RepositoryPath> repositoryPath(std::string_view urlText, VTError* 
 // character ("my.tool.git" is "my.tool", "my.tool" is "my", ".git" stays).
 std::string deletingPathExtension(std::string_view name);
 
-}  // namespace vt::github
+}  // namespace vt
