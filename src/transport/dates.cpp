@@ -107,6 +107,16 @@ std::optional<double> momentWithIsoText(std::string_view text, std::string_view 
     return momentWithUDate(date);
 }
 
+std::string isoTextWithMoment(double moment, std::string_view pattern) {
+    std::string result;
+    if (icu::SimpleDateFormat* formatter = isoFormatter(pattern)) {
+        icu::UnicodeString text;
+        formatter->format(udateWithMoment(moment), text);
+        text.toUTF8String(result);
+    }
+    return result;
+}
+
 std::string localizedDate(double moment) {
     UserFormatters& formatters = userFormatters();
     std::string result;

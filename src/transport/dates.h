@@ -29,6 +29,10 @@ inline constexpr double kReferenceDateSince1970 = 978307200.0;
 std::optional<double> momentWithIsoText(std::string_view text,
                                         std::string_view pattern = kIsoDatePattern);
 
+// The moment written with the ICU `pattern` in GMT and the locale en_US_POSIX (the "Z" of the ISO
+// pattern writes "+0000"), as hosts' texts are read back.
+std::string isoTextWithMoment(double moment, std::string_view pattern = kIsoDatePattern);
+
 // The moment rendered with ICU's long date style and short time style ("January 26, 2011 at
 // 7:01 PM" in en_US) in the user's locale and time zone (see userLocaleName and the TZ rules of
 // the platform: TZ, else the system's zone).

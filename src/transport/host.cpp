@@ -40,6 +40,32 @@ std::string stringMember(const boost::json::object& object, std::string_view key
     return {};
 }
 
+// The headers every request carries; with a body also its length and, unless `extra` names one,
+// its type.
+std::vector<std::string> commonHeaders(const std::string* body,
+                                       const std::vector<std::string>& extra = {}) {
+    std::vector<std::string> headers{"Accept: application/json",
+                                     "User-Agent: " + vt::http::userAgent(),
+                                     "Cache-Control: no-cache"};
+    if (body != nullptr) {
+        headers.push_back("Content-Length: " + std::to_string(body->size()));
+        const bool typed = std::any_of(extra.begin(), extra.end(), [](const std::string& line) {
+            constexpr std::string_view kName = "content-type:";
+            if (line.size() < kName.size()) {
+                return false;
+            }
+            return std::equal(kName.begin(), kName.end(), line.begin(), [](char a, char b) {
+                return a == std::tolower(static_cast<unsigned char>(b));
+            });
+        });
+        if (!typed) {
+            headers.push_back("Content-Type: application/json");
+        }
+    }
+    headers.insert(headers.end(), extra.begin(), extra.end());
+    return headers;
+}
+
 // Whether the 401 answer says that the access token expired (the "error" object's "message").
 bool saysTokenExpired(const boost::json::value& answer) {
     const auto* error = member(answer, "error");
@@ -172,13 +198,7 @@ std::optional<boost::json::value> VTHost::jsonWithContent(const boost::json::val
     if (content != nullptr) {
         body = boost::json::serialize(*content);
     }
-    std::vector<std::string> headers{"Accept: application/json",
-                                     "User-Agent: " + vt::http::userAgent(),
-                                     "Cache-Control: no-cache"};
-    if (body) {
-        headers.push_back("Content-Length: " + std::to_string(body->size()));
-        headers.push_back("Content-Type: application/json");
-    }
+    const std::vector<std::string> headers = commonHeaders(body ? &*body : nullptr);
 
     // The token goes only to the origin this adapter first spoke to; addresses a host hands
     // out (paging links) that lead elsewhere are fetched without it.
@@ -224,7 +244,9 @@ std::optional<boost::json::value> VTHost::jsonWithContent(const boost::json::val
 
         if (status == 401) {
             const auto* refreshToken = current.if_contains("refresh_token");
-            if (!refreshed && refreshToken != nullptr && !refreshToken->is_null() &&
+            // Only a request that carried the token may renew it: the refresh sends the client's
+            // secret and the refresh token, which must not go to a host the token never went to.
+            if (!refreshed && sameOrigin && refreshToken != nullptr && !refreshToken->is_null() &&
                 saysTokenExpired(*json)) {
                 VTError refreshError;
                 std::optional<VTToken> renewed = refreshedToken(current, url, &refreshError);
@@ -260,6 +282,24 @@ std::optional<boost::json::value> VTHost::jsonWithContent(const boost::json::val
         return fail(VTError(VTHTTPErrorDomain, status, stringForStatusCode(status),
                             errorMessageWithJson(*json)));
     }
+}
+
+std::optional<boost::json::value> VTHost::jsonWithRequest(std::string_view method, const VTUrl& url,
+                                                          const std::vector<std::string>& headers,
+                                                          const std::string* body,
+                                                          std::int64_t* status, VTError* error) {
+    vt::http::Exchange exchange =
+        vt::http::perform(method, std::string(url.buffer()), commonHeaders(body, headers), body);
+    if (status != nullptr) {
+        *status = exchange.responded ? exchange.status : 0;
+    }
+    VTError failure = exchange.error;
+    std::optional<boost::json::value> json;
+    if (exchange.responded) {
+        json = vt::decodeAnswerBody(exchange.body, &failure);
+    }
+    VTSetError(error, json ? VTError() : std::move(failure));
+    return json;
 }
 
 std::string VTHost::errorMessageWithJson(const boost::json::value& json) {

@@ -94,6 +94,17 @@ public:
                                                       VTToken& token, std::string* link,
                                                       VTError* error) const;
 
+    // Sends one request outside the token's reach, for OAuth token endpoints: the common headers
+    // (Accept, User-Agent, no cache; with a body also Content-Length and, unless `headers` has
+    // one, "Content-Type: application/json") plus `headers` ("Name: value" lines), and never the
+    // caller's "Authorization". Returns the decoded answer whatever the HTTP status (a token
+    // endpoint's refusal is an answer too), or nullopt with the session's error (no response) or
+    // the decoding error (see vt::decodeAnswerBody). `status`, when given, receives the HTTP
+    // status, 0 without a response.
+    static std::optional<boost::json::value> jsonWithRequest(
+        std::string_view method, const VTUrl& url, const std::vector<std::string>& headers,
+        const std::string* body, std::int64_t* status, VTError* error);
+
     // The host's own message out of an error answer, or "No error description.".
     static std::string errorMessageWithJson(const boost::json::value& json);
     // "HTTP status code %ld (%@)" with the standard English reason phrase.

@@ -4,6 +4,7 @@
 #include "transport/dates.h"
 #include "transport/paging.h"
 #include "transport/reading.h"
+#include "transport/ssh_keys.h"
 #include "transport/utilities/utilities.h"
 
 #include <algorithm>
@@ -324,27 +325,12 @@ std::optional<boost::json::array> VTGitHubHost::sshKeysWithToken(VTToken& token,
             return true;
         }
         for (const boost::json::value& element : *elements) {
-            boost::json::object key;
-            if (auto title = stringAt(element, {"title"})) {
-                key["title"] = *title;
+            auto key = vt::sshKeyWithMembers(element, {"title", "id", "created_at", "key"},
+                                             vt::kIsoDatePattern, pageError);
+            if (!key) {
+                return false;
             }
-            if (const boost::json::value* id = memberAt(element, {"id"});
-                id != nullptr && id->is_number()) {
-                key["id"] = *id;
-            }
-            if (auto createdAt = stringAt(element, {"created_at"})) {
-                if (auto date = vt::localizedIsoDate(*createdAt)) {
-                    key["createdAt"] = *date;
-                }
-            }
-            if (auto text = stringAt(element, {"key"})) {
-                auto fingerprint = vt::fingerprintWithKey(*text, pageError);
-                if (!fingerprint) {
-                    return false;
-                }
-                key["fingerprint"] = *fingerprint;
-            }
-            keys.emplace_back(std::move(key));
+            keys.emplace_back(std::move(*key));
         }
         return true;
     };

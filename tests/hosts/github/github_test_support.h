@@ -1,48 +1,25 @@
 #pragma once
 
-// A GitHub adapter talking to a scripted fake host under the name api.github.test, with the date
-// settings fixed (UTC, en_US) so that localized dates are the same on every machine.
+// A GitHub adapter talking to a scripted fake host under the name api.github.test.
 
-#include "fakehost/fake_host.h"
+#include "host_test.h"
 #include "hosts/github/github_host.h"
 
 #include <gtest/gtest.h>
-#include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
-#include <boost/url/parse.hpp>
 
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace vt::testing {
 
-inline VTUrl urlOf(std::string_view text) {
-    return VTUrl(boost::urls::parse_uri(text).value());
-}
+using vt::test::pageInfo;
+using vt::test::urlOf;
+using vt::test::useFixedDateSettings;
 
 inline std::string fixtureText(std::string_view name) {
-    std::ifstream file(std::string(VT_GITHUB_FIXTURES) + "/" + std::string(name));
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-// Sets the date settings the expected texts are written for.
-inline void useFixedDateSettings() {
-    setenv("TZ", "UTC", 1);
-    setenv("LANG", "en_US.UTF-8", 1);
-    unsetenv("LC_ALL");
-    unsetenv("LC_TIME");
-}
-
-// The GraphQL "pageInfo" member text of a page.
-inline std::string pageInfo(bool hasNextPage, std::string_view cursor = "") {
-    return R"("pageInfo":{"endCursor":")" + std::string(cursor) + R"(","hasNextPage":)" +
-           (hasNextPage ? "true" : "false") + "}";
+    return vt::test::fileText(std::string(VT_GITHUB_FIXTURES) + "/" + std::string(name));
 }
 
 // Pull request 7 of owner/repo as the client sends it back: address, host type and number.
@@ -54,19 +31,9 @@ inline VTPullRequest pullRequestSeven(const char* remoteUrl) {
     return pullRequest;
 }
 
-class GitHubTest : public ::testing::Test {
+class GitHubTest : public vt::test::FakeHostTest {
 protected:
-    void SetUp() override {
-        useFixedDateSettings();
-        const std::string route = "api.github.test:80:127.0.0.1:" + std::to_string(fake.port());
-        setenv("VELDTRACK_CONNECT_TO", route.c_str(), 1);
-    }
-
-    void TearDown() override {
-        for (const std::string& problem : fake.problems()) {
-            ADD_FAILURE() << "fake host: " << problem;
-        }
-    }
+    GitHubTest() : FakeHostTest("api.github.test") {}
 
     // Scripts the answer to the next GraphQL post.
     void answer(std::string body, int status = 200) {
@@ -74,17 +41,8 @@ protected:
     }
 
     // The "query" texts of every GraphQL post, in order.
-    std::vector<std::string> sentQueries() const {
-        std::vector<std::string> queries;
-        for (const vt::fake::Request& request : fake.requests()) {
-            if (request.method == "POST" && request.target == "/graphql") {
-                queries.emplace_back(boost::json::parse(request.body).at("query").as_string());
-            }
-        }
-        return queries;
-    }
+    std::vector<std::string> sentQueries() const { return queriesPostedTo("/graphql"); }
 
-    vt::fake::FakeHost fake;
     VTGitHubHost host{urlOf("http://github.test/owner/repo")};
     VTToken token{{"token_type", "Bearer"}, {"access_token", "secret"}};
     VTError error;

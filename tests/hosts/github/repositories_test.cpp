@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <boost/json/parse.hpp>
 
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -185,21 +184,8 @@ TEST_F(GitHubRepositories, ForksNameTheParentsAddressesOrNothing) {
 
 // ---- SSH keys
 
-struct KeyFixture {
-    std::string key;
-    std::string fingerprint;
-};
-
-KeyFixture keyFixture(const std::string& name) {
-    std::ifstream pub(std::string(VT_KEY_FIXTURES) + "/" + name + ".pub");
-    std::ifstream md5(std::string(VT_KEY_FIXTURES) + "/" + name + ".md5");
-    KeyFixture fixture;
-    std::getline(pub, fixture.key);
-    std::string bits;
-    md5 >> bits >> fixture.fingerprint;  // "256 MD5:ff:ae:... comment"
-    fixture.fingerprint.erase(0, 4);
-    return fixture;
-}
+using vt::test::KeyFixture;
+using vt::test::keyFixture;
 
 TEST_F(GitHubRepositories, SshKeysAreReadOverLinkPagesWithFingerprints) {
     const KeyFixture keys[] = {keyFixture("rsa"), keyFixture("ed25519"), keyFixture("ecdsa")};

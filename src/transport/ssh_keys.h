@@ -1,0 +1,30 @@
+#pragma once
+
+// The SSH key dictionary every adapter lists keys with: {"title", "id", "createdAt",
+// "fingerprint"}, each entry only when the host's key object gives a value of the right kind.
+
+#include "records/error.h"
+
+#include <boost/json/object.hpp>
+#include <boost/json/value.hpp>
+
+#include <optional>
+#include <string_view>
+
+namespace vt {
+
+// The members of a host's key object that the entries come from.
+struct SshKeyMembers {
+    std::string_view title;      // a string
+    std::string_view id;         // a number
+    std::string_view createdAt;  // a date text, shown localized
+    std::string_view key;        // the public key line, fingerprinted
+};
+
+// The key dictionary of one key object; the date is read with `datePattern`. nullopt, with the
+// fingerprint's error, when the key text cannot be fingerprinted: one bad key fails a list.
+std::optional<boost::json::object> sshKeyWithMembers(const boost::json::value& element,
+                                                     const SshKeyMembers& members,
+                                                     std::string_view datePattern, VTError* error);
+
+}  // namespace vt
