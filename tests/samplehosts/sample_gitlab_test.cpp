@@ -298,7 +298,7 @@ TEST_P(ARefusedRenewal, EmptiesTheTokenAndSaysAuthorisationFailed) {
     if (GetParam().spendFirst) {
         ASSERT_TRUE(host.refreshedToken(token, urlOf(kSampleGitLabSite), &error));
     }
-    EXPECT_FALSE(host.pullRequestsWithUrl(urlOf(kSampleGitLabProject), token, &error));
+    EXPECT_FALSE(host.sshKeysWithToken(token, &error));
     EXPECT_TRUE(token.empty());
     EXPECT_EQ(error.domain, "VTGitErrorDomain");
     EXPECT_EQ(error.description(), "Authorisation for GitLab failed");

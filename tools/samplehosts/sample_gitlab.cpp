@@ -1,6 +1,7 @@
 #include "samplehosts/sample_gitlab.h"
 
 #include "samplehosts/graphql.h"
+#include "samplehosts/sample_data.h"
 #include "samplehosts/text.h"
 
 #include <boost/json/parse.hpp>
@@ -307,13 +308,6 @@ struct Project {
     std::string fullPath() const { return space + "/" + path; }
 };
 
-struct SshKey {
-    std::int64_t id = 0;
-    std::string title;
-    std::string key;
-    std::time_t created = 0;
-};
-
 struct IssuedToken {
     std::time_t created = 0;
     std::int64_t lifetime = 0;
@@ -387,11 +381,18 @@ private:
     };
     NotePlace noteWithGid(std::string_view id);
     std::int64_t nextNoteId(const MergeRequest& request) const;
+    // The open merge request on `target` from `branch` of `source` (a full path), if any.
+    const MergeRequest* openFrom(const Project& target, std::string_view source,
+                                 std::string_view branch) const;
+    static std::string alreadyOpen(const MergeRequest& open);
+    // A new merge request by the viewer, first in the target's list.
+    MergeRequest& openMergeRequest(Project& target, std::string source, std::string branch,
+                                   std::string targetBranch, std::string title,
+                                   std::string description);
 
     GitLabScale scale_;
     std::vector<Project> projects_;
-    std::vector<SshKey> keys_;
-    std::int64_t nextKeyId_ = 0;
+    KeyRing keys_;
     std::int64_t nextProjectId_ = 9001;
     std::int64_t nextMergeRequestId_ = 880000;
     std::map<std::string, IssuedToken, std::less<>> accessTokens_;
@@ -403,7 +404,14 @@ private:
     std::uint64_t tokenSerial_ = 0;
 };
 
-SampleGitLab::State::State(const GitLabScale& scale) : scale_(scale) {
+SampleGitLab::State::State(const GitLabScale& scale)
+    : scale_(scale),
+      keys_(scale.sshKeys, KeyRing::Seed{.realKeys = kRealKeys,
+                                         .madeUpTitle = "runner ",
+                                         .madeUpComment = "runner@harbor-ci",
+                                         .firstId = 5120,
+                                         .newest = kNow - 83 * kDay,
+                                         .daysApart = 83}) {
     for (std::size_t index = 0; index < std::size(kProjects); ++index) {
         const ProjectSeed& seed = kProjects[index];
         Project project;
@@ -462,24 +470,6 @@ SampleGitLab::State::State(const GitLabScale& scale) : scale_(scale) {
         }
         tideline.mergeRequests.push_back(std::move(request));
     }
-
-    for (int index = 0; index < std::max(0, scale.sshKeys); ++index) {
-        SshKey key;
-        key.id = 5120 + index;
-        const auto real = static_cast<std::size_t>(index);
-        if (real < std::size(kRealKeys)) {
-            key.title = kRealKeys[real].first;
-            key.key = kRealKeys[real].second;
-        } else {
-            char title[32];
-            std::snprintf(title, sizeof title, "runner %02d", index - 2);
-            key.title = title;
-            key.key = madeUpKey(static_cast<std::uint64_t>(index) + 7000, "runner@harbor-ci");
-        }
-        key.created = kNow - (index + 1) * 83 * kDay - index * 3607;
-        keys_.push_back(std::move(key));
-    }
-    nextKeyId_ = 5120 + std::max(0, scale.sshKeys);
 }
 
 // ---- Lookups
@@ -547,6 +537,41 @@ std::int64_t SampleGitLab::State::nextNoteId(const MergeRequest& request) const 
     return largest + 1;
 }
 
+const MergeRequest* SampleGitLab::State::openFrom(const Project& target, std::string_view source,
+                                                  std::string_view branch) const {
+    for (const MergeRequest& open : target.mergeRequests) {
+        if (open.state == "opened" && open.source == branch && open.sourceProject == source) {
+            return &open;
+        }
+    }
+    return nullptr;
+}
+
+std::string SampleGitLab::State::alreadyOpen(const MergeRequest& open) {
+    return "Another open merge request already exists for this source branch: !" +
+           std::to_string(open.iid);
+}
+
+MergeRequest& SampleGitLab::State::openMergeRequest(Project& target, std::string source,
+                                                    std::string branch, std::string targetBranch,
+                                                    std::string title, std::string description) {
+    MergeRequest made;
+    for (const MergeRequest& existing : target.mergeRequests) {
+        made.iid = std::max(made.iid, existing.iid);
+    }
+    ++made.iid;
+    made.id = nextMergeRequestId_++;
+    made.title = std::move(title);
+    made.author = kViewer;
+    made.created = std::time(nullptr);
+    made.target = std::move(targetBranch);
+    made.source = std::move(branch);
+    made.sourceProject = std::move(source);
+    made.description = std::move(description);
+    made.conversationMade = true;  // nothing has happened on it yet
+    return *target.mergeRequests.insert(target.mergeRequests.begin(), std::move(made));
+}
+
 std::string SampleGitLab::State::avatarOf(std::string_view username) const {
     for (std::size_t index = 0; index < std::size(kPeople); ++index) {
         if (kPeople[index].username == username && kPeople[index].uploadedAvatar) {
@@ -575,38 +600,14 @@ void SampleGitLab::State::makeConversation(MergeRequest& request) const {
         return;
     }
     const int seed = request.seed;
-    auto person = [](int index) {
-        return std::string(kPeople[static_cast<std::size_t>(index) % std::size(kPeople)].username);
-    };
-    for (int index = 0; index < std::max(0, scale_.assignees); ++index) {
-        if (index < static_cast<int>(std::size(kPeople))) {
-            request.assignees.push_back(person(seed + index));
-        } else {
-            char username[32];
-            std::snprintf(username, sizeof username, "contributor-%03d", index - 4);
-            request.assignees.emplace_back(username);
-        }
+    std::vector<std::string_view> usernames;
+    for (const PersonSeed& person : kPeople) {
+        usernames.push_back(person.username);
     }
-    for (int index = 0; index < std::max(0, scale_.labels); ++index) {
-        const std::size_t pool = std::size(kLabels);
-        if (static_cast<std::size_t>(index) < pool) {
-            const auto& [name, color] = kLabels[static_cast<std::size_t>(seed + index) % pool];
-            request.labels.emplace_back(name, color);
-        } else {
-            char name[32];
-            std::snprintf(name, sizeof name, "area::tides-%02d", index - static_cast<int>(pool));
-            request.labels.emplace_back(name,
-                                        "#" + hexDigits(static_cast<std::uint64_t>(index), 6));
-        }
-    }
-
-    // The author, the viewer and two reviewers.
-    std::vector<std::string> people{request.author, std::string(kViewer)};
-    for (int index = seed + 2; people.size() < 4; ++index) {
-        if (std::find(people.begin(), people.end(), person(index)) == people.end()) {
-            people.push_back(person(index));
-        }
-    }
+    request.assignees = assigneesOf(scale_.assignees, usernames, seed);
+    request.labels = labelsOf(scale_.labels, kLabels, seed, "area::tides-", "#");
+    const std::vector<std::string> people =
+        participantsOf(request.author, kViewer, usernames, seed);
     const int discussions = std::max(0, scale_.discussions);
     const int commits = std::max(0, scale_.commits);
     const int items = discussions + commits;
@@ -618,7 +619,7 @@ void SampleGitLab::State::makeConversation(MergeRequest& request) const {
     for (int item = 0; item < items; ++item) {
         const std::time_t moment = request.created + (item + 1) * step;
         // Discussions fall evenly among the commits.
-        if (discussions > 0 && (item + 1) * discussions / items > item * discussions / items) {
+        if (isCommentAt(item, discussions, items)) {
             const int kind = discussion % 7;
             Discussion made;
             made.replyId =
@@ -669,9 +670,7 @@ void SampleGitLab::State::makeConversation(MergeRequest& request) const {
             made.parents.push_back(
                 hexDigits(seedOf("main") + static_cast<std::uint64_t>(seed), 40));
         } else {
-            // Runs of three commits, mostly by the author, some by the reviewers.
-            const int run = (commit / 3) % 4;
-            made.author = run == 1 ? people[3] : run == 3 ? people[2] : people[0];
+            made.author = commitAuthorOf(commit, people);
             made.title = std::string(
                 kCommitTitles[static_cast<std::size_t>(seed + commit) % std::size(kCommitTitles)]);
         }
@@ -830,10 +829,7 @@ std::optional<graphql::Built> SampleGitLab::State::lookup(const Site& site,
                                                           const json::object& parent,
                                                           const Field& field,
                                                           std::optional<Failure>& failure) {
-    const json::value* typeName = parent.if_contains("__typename");
-    const std::string type = typeName != nullptr && typeName->is_string()
-                                 ? std::string(typeName->get_string())
-                                 : std::string();
+    const std::string type = graphql::typeOf(parent);
     const json::object& arguments = field.arguments;
     if (type == "Mutation") {
         return mutate(site, field, failure);
@@ -954,10 +950,7 @@ std::optional<graphql::Built> SampleGitLab::State::lookup(const Site& site,
 // find is a GraphQL error.
 std::optional<graphql::Built> SampleGitLab::State::mutate(const Site& site, const Field& field,
                                                           std::optional<Failure>& failure) {
-    static const json::object kNoInput;
-    const json::value* given = field.arguments.if_contains("input");
-    const json::object& input =
-        given != nullptr && given->is_object() ? given->get_object() : kNoInput;
+    const json::object& input = graphql::inputOf(field);
     auto text = [&input](std::string_view name) {
         return stringArgument(input, name).value_or("");
     };
@@ -1037,36 +1030,17 @@ std::optional<graphql::Built> SampleGitLab::State::mutate(const Site& site, cons
                 "Validate branches You can't use same project/branch for source "
                 "and target");
         }
-        for (const MergeRequest& open : target->mergeRequests) {
-            if (open.state == "opened" && open.source == text("sourceBranch") &&
-                open.sourceProject == target->fullPath()) {
-                errors.emplace_back(
-                    "Validate branches Another open merge request already exists for this "
-                    "source branch: !" +
-                    std::to_string(open.iid));
-            }
+        if (const MergeRequest* open =
+                openFrom(*target, target->fullPath(), text("sourceBranch"))) {
+            errors.emplace_back("Validate branches " + alreadyOpen(*open));
         }
         if (!errors.empty()) {
             return payload(std::move(errors), {{"mergeRequest", nullptr}});
         }
-        MergeRequest made;
-        std::int64_t largest = 0;
-        for (const MergeRequest& existing : target->mergeRequests) {
-            largest = std::max(largest, existing.iid);
-        }
-        made.iid = largest + 1;
-        made.id = nextMergeRequestId_++;
-        made.title = text("title");
-        made.author = kViewer;
-        made.created = std::time(nullptr);
-        made.target = text("targetBranch");
-        made.source = text("sourceBranch");
-        made.sourceProject = target->fullPath();
-        made.description = text("description");
-        made.conversationMade = true;  // nothing has happened on it yet
-        target->mergeRequests.insert(target->mergeRequests.begin(), std::move(made));
-        return payload({}, {{"mergeRequest",
-                             mergeRequestModel(site, *target, target->mergeRequests.front())}});
+        const MergeRequest& made =
+            openMergeRequest(*target, target->fullPath(), text("sourceBranch"),
+                             text("targetBranch"), text("title"), text("description"));
+        return payload({}, {{"mergeRequest", mergeRequestModel(site, *target, made)}});
     }
     if (name == "mergeRequestUpdate" || name == "mergeRequestAccept") {
         Project* holder = project(text("projectPath"));
@@ -1109,27 +1083,16 @@ std::optional<graphql::Built> SampleGitLab::State::mutate(const Site& site, cons
 }
 
 fake::Response SampleGitLab::State::graphQl(const fake::Request& request, const Site& site) {
-    boost::system::error_code fault;
-    const json::value content = json::parse(request.body, fault);
-    const json::value* query =
-        content.is_object() ? content.get_object().if_contains("query") : nullptr;
-    if (fault || query == nullptr || !query->is_string()) {
-        return fake::Response::json(R"({"errors":[{"message":"No query string was present"}]})",
-                                    400);
-    }
-    std::string problem;
-    auto document = graphql::parse(query->get_string(), &problem);
-    if (!document) {
-        return fake::Response::json(json::serialize(graphql::errorAnswer(problem)));
-    }
-    const json::object root{{"__typename", document->mutation ? "Mutation" : "Query"}};
-    return fake::Response::json(json::serialize(graphql::execute(
-        *document, root,
+    const auto answer = graphql::answerRequest(
+        request.body,
         [this, &site](const json::object& parent, const Field& field,
                       std::optional<Failure>& failure) {
             return lookup(site, parent, field, failure);
         },
-        kGitLabGraphQl)));
+        kGitLabGraphQl);
+    return answer ? fake::Response::json(json::serialize(*answer))
+                  : fake::Response::json(
+                        R"({"errors":[{"message":"No query string was present"}]})", 400);
 }
 
 // ---- REST
@@ -1328,35 +1291,14 @@ fake::Response SampleGitLab::State::createMergeRequest(const fake::Request& requ
             return restError("404 Project Not Found", 404);
         }
     }
-    for (const MergeRequest& open : target->mergeRequests) {
-        if (open.state == "opened" && open.source == branch &&
-            open.sourceProject == source.fullPath()) {
-            return fake::Response::json(
-                json::serialize(json::object{
-                    {"message", json::array{json::value(
-                                    "Another open merge request already exists for this source "
-                                    "branch: !" +
-                                    std::to_string(open.iid))}}}),
-                409);
-        }
+    if (const MergeRequest* open = openFrom(*target, source.fullPath(), branch)) {
+        return fake::Response::json(json::serialize(json::object{
+                                        {"message", json::array{json::value(alreadyOpen(*open))}}}),
+                                    409);
     }
-    MergeRequest made;
-    std::int64_t largest = 0;
-    for (const MergeRequest& existing : target->mergeRequests) {
-        largest = std::max(largest, existing.iid);
-    }
-    made.iid = largest + 1;
-    made.id = nextMergeRequestId_++;
-    made.title = title;
-    made.author = kViewer;
-    made.created = std::time(nullptr);
-    made.target = stringArgument(body, "target_branch").value_or("");
-    made.source = branch;
-    made.sourceProject = source.fullPath();
-    made.description = stringArgument(body, "description").value_or("");
-    made.conversationMade = true;
-    target->mergeRequests.insert(target->mergeRequests.begin(), std::move(made));
-    const MergeRequest& stored = target->mergeRequests.front();
+    const MergeRequest& stored = openMergeRequest(
+        *target, source.fullPath(), branch, stringArgument(body, "target_branch").value_or(""),
+        title, stringArgument(body, "description").value_or(""));
     return fake::Response::json(
         json::serialize(
             json::object{{"id", stored.id},
@@ -1417,12 +1359,13 @@ fake::Response SampleGitLab::State::commits(const Site& site, boost::urls::url_v
 fake::Response SampleGitLab::State::sshKeys(const Site& site, boost::urls::url_view target) {
     const PageRequest page = PageRequest::of(target, 20, 100);
     json::array listed;
+    const std::vector<SshKey>& keys = keys_.keys();
     for (std::size_t index = page.first();
-         index < keys_.size() && index < page.first() + page.perPage; ++index) {
-        listed.push_back(restKey(keys_[index]));
+         index < keys.size() && index < page.first() + page.perPage; ++index) {
+        listed.push_back(restKey(keys[index]));
     }
     fake::Response response = fake::Response::json(json::serialize(listed));
-    if (std::string links = linkHeader(site.web, target, page, keys_.size(), LinkStyle::gitlab);
+    if (std::string links = linkHeader(site.web, target, page, keys.size(), LinkStyle::gitlab);
         !links.empty()) {
         response.headers.emplace_back("Link", std::move(links));
     }
@@ -1437,29 +1380,25 @@ fake::Response SampleGitLab::State::addSshKey(const fake::Request& request) {
     }
     const std::string key = stringArgument(content.get_object(), "key").value_or("");
     const std::string title = stringArgument(content.get_object(), "title").value_or("");
-    if (!isPublicKey(key)) {
-        return validationError("key", "is invalid");
-    }
     if (title.empty()) {
         return validationError("title", "can't be blank");
     }
-    for (const SshKey& existing : keys_) {
-        if (keyBody(existing.key) == keyBody(key)) {
+    switch (keys_.add(title, key)) {
+        case KeyRing::Outcome::invalid:
+            return validationError("key", "is invalid");
+        case KeyRing::Outcome::taken:
             return validationError("key", "has already been taken");
-        }
+        case KeyRing::Outcome::added:
+            break;
     }
-    keys_.push_back(SshKey{nextKeyId_++, title, key, std::time(nullptr)});
-    return fake::Response::json(json::serialize(restKey(keys_.back())), 201);
+    return fake::Response::json(json::serialize(restKey(keys_.keys().back())), 201);
 }
 
 fake::Response SampleGitLab::State::deleteSshKey(std::string_view id) {
-    for (auto key = keys_.begin(); key != keys_.end(); ++key) {
-        if (std::to_string(key->id) == id) {
-            keys_.erase(key);
-            fake::Response gone;
-            gone.status = 204;
-            return gone;
-        }
+    if (keys_.remove(id)) {
+        fake::Response gone;
+        gone.status = 204;
+        return gone;
     }
     return restError("404 Key Not Found", 404);
 }
