@@ -445,6 +445,15 @@ private:
     // The value as the field's selections ask for it.
     boost::json::value shape(const boost::json::value& value, const Field& field) {
         if (field.selections.empty()) {
+            // A list of scalars (GitLab's mutation "errors") is a leaf; objects and lists of
+            // objects need selections.
+            const boost::json::array* list = value.if_array();
+            if (list != nullptr &&
+                std::none_of(list->begin(), list->end(), [](const boost::json::value& element) {
+                    return element.is_object() || element.is_array();
+                })) {
+                return value;
+            }
             if (value.is_object() || value.is_array()) {
                 addInvalid(field, "Field must have selections (field '" + field.name + "')",
                            "selectionMismatch");
