@@ -1,16 +1,22 @@
 #!/usr/bin/env bash
 # The main job, from a fresh Debian 12 machine: set-up, the build, then the hosts service at work
-# against the bundled sample GitHub. A private session bus (never the user's own) activates the
-# service binary just built on the first call; vthosts asks it for the profile, the repositories,
-# the SSH keys, the open pull requests and one pull request's conversation, and adds a comment.
+# against the bundled sample GitHub and GitLab. A private session bus (never the user's own)
+# activates the service binary just built on the first call; vthosts asks it for the profile, the
+# repositories, the SSH keys, the open pull requests and one pull request's conversation, and adds
+# a comment; on GitLab the token it starts with is about to expire and is renewed on the way.
 # Everything it starts is ended on exit, Ctrl-C included.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 
 bash scripts/setup.sh
-echo "== building (build/)"
-bash scripts/build.sh build
+echo "== building the service, vthosts and the sample hosts (build/)"
+# Only what the demonstration runs; scripts/test.sh builds the test suites. The GitLab OAuth
+# client below is the sample GitLab's public demonstration client, not a real one: the build
+# writes it beside the service, which sends it when it renews a GitLab token.
+VT_BUILD_TARGETS="veldtrack-hosts-service vthosts vt-sample-hosts" bash scripts/build.sh build \
+    -DVELDTRACK_GITLAB_CLIENT_ID=veldtrack-demo-gitlab-client \
+    -DVELDTRACK_GITLAB_CLIENT_SECRET=veldtrack-demo-gitlab-secret
 
 build="$root/build"
 vthosts="$build/tools/vthosts/vthosts"
@@ -67,13 +73,17 @@ wait_for_line() {
     return 1
 }
 
-echo "== starting the sample GitHub"
-"$build/tools/samplehosts/vt-sample-hosts" >"$work/sample.out" 2>&1 &
+echo "== starting the sample hosts"
+# The sample GitLab writes the OAuth token the demonstration starts with (mode 0600).
+gitlab_token="$work/gitlab-token.json"
+"$build/tools/samplehosts/vt-sample-hosts" --gitlab-token-file "$gitlab_token" \
+    >"$work/sample.out" 2>&1 &
 sample_pid=$!
 wait_for_line "$work/sample.out" '^VELDTRACK_CONNECT_TO='
 sed 's/^/  /' "$work/sample.out"
 connect_to=$(sed -n 's/^VELDTRACK_CONNECT_TO=//p' "$work/sample.out")
 fork_number=$(sed -n 's/.*from a fork #\([0-9]*\).*/\1/p' "$work/sample.out")
+gitlab_fork_number=$(sed -n 's/.*from a fork !\([0-9]*\).*/\1/p' "$work/sample.out")
 
 echo "== starting a private session bus that activates build/src/service/veldtrack-hosts-service"
 cat >"$work/bus.conf" <<EOF
@@ -92,7 +102,7 @@ cat >"$work/bus.conf" <<EOF
 </busconfig>
 EOF
 # From here on every client, and the service the daemon starts, uses this bus. The daemon's
-# environment is the activation environment: it routes the sample's API name to the sample host.
+# environment is the activation environment: it routes the samples' host names to the sample hosts.
 export DBUS_SESSION_BUS_ADDRESS="$bus_address"
 VELDTRACK_CONNECT_TO="$connect_to" dbus-daemon --config-file="$work/bus.conf" --nofork \
     --print-address=1 >"$work/bus.out" 2>"$work/daemon.log" &
@@ -132,5 +142,50 @@ echo "== a comment:  vthosts comment --pull-request FILE --message TEXT, then th
 ask comment --pull-request "$work/pull-request.json" \
     --message "Tried it on the sample tiles: works for me." >/dev/null
 ask conversation --pull-request "$work/pull-request.json" | render conversation | tail -n 4
+
+# ---- GitLab
+gitlab_site=http://gitlab.test
+gitlab_project=http://gitlab.test/tidewater/tideline
+# Every GitLab call reads the OAuth token from its file and, when the host renews it, writes the
+# new one back there (the old refresh token stops working once it has been used).
+gitlab() {
+    env -u VELDTRACK_TOKEN "$vthosts" "$@" --host gitlab --token-file "$gitlab_token" \
+        --save-token "$gitlab_token" --compact
+}
+echo
+echo "== GitLab: the OAuth token the demonstration starts with (written by the sample GitLab)"
+cp "$gitlab_token" "$work/gitlab-token.before"
+render token <"$gitlab_token"
+echo
+echo "== GitLab profile:  vthosts profile --url $gitlab_site --host gitlab --token-file FILE --save-token FILE"
+gitlab profile --url "$gitlab_site" >"$work/gitlab-profile.json"
+render profile <"$work/gitlab-profile.json"
+render renewed "$work/gitlab-token.before" "$gitlab_token" <"$work/gitlab-profile.json"
+echo
+echo "== GitLab repositories:  vthosts repositories --url $gitlab_site --host gitlab"
+gitlab repositories --url "$gitlab_site" | render repositories
+echo
+echo "== GitLab SSH keys:  vthosts ssh-keys --url $gitlab_site --host gitlab"
+gitlab ssh-keys --url "$gitlab_site" | render ssh-keys
+echo
+echo "== GitLab open merge requests:  vthosts pull-requests $gitlab_project --host gitlab"
+gitlab pull-requests "$gitlab_project" >"$work/merge-requests.json"
+render pull-requests 6 <"$work/merge-requests.json"
+echo
+echo "== conversation of !$gitlab_fork_number:  vthosts conversation --pull-request FILE --host gitlab"
+render pick "$gitlab_fork_number" <"$work/merge-requests.json" >"$work/merge-request.json"
+gitlab conversation --pull-request "$work/merge-request.json" >"$work/gitlab-conversation.json"
+render conversation 10 <"$work/gitlab-conversation.json"
+render record <"$work/gitlab-conversation.json" >"$work/merge-request.json"
+echo
+echo "== a comment and a reply in the first thread:  vthosts comment ... / vthosts reply --to ID ..."
+gitlab comment --pull-request "$work/merge-request.json" \
+    --message "Checked the forecasts for Brest against this branch: they match." >/dev/null
+thread=$(render thread <"$work/gitlab-conversation.json")
+gitlab reply --pull-request "$work/merge-request.json" --to "$thread" \
+    --message "Done, thanks." >/dev/null
+gitlab conversation --pull-request "$work/merge-request.json" >"$work/gitlab-conversation.json"
+render show-thread "$thread" <"$work/gitlab-conversation.json"
+render conversation <"$work/gitlab-conversation.json" | tail -n 4
 echo
 echo "demo: done"
