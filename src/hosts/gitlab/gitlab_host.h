@@ -91,6 +91,38 @@ public:
     std::optional<std::vector<std::string>> forksForUrl(const VTUrl& url, VTToken& token,
                                                         VTError* error) override;
 
+    // ---- Merge requests
+    // The open merge requests, newest first. A request from another project names both branches
+    // with their project ("group/project:main", "fork/project:feature").
+    std::optional<std::vector<VTPullRequest>> pullRequestsWithUrl(const VTUrl& url, VTToken& token,
+                                                                  VTError* error) override;
+    // Every action returns true on success. A mutation whose payload lists errors fails with
+    // VTHTTPErrorDomain 200 and the first of them as description; transport failures pass on
+    // the transport's error.
+    // A source branch "group/fork:feature" creates the merge request from that project over REST.
+    bool createPullRequestWithUrl(const VTUrl& url, const std::string& baseRefName,
+                                  const std::string& headRefName, const std::string& title,
+                                  const std::string& comment, VTToken& token,
+                                  VTError* error) override;
+    bool editPullRequest(const VTPullRequest& pullRequest, const std::string& comment,
+                         VTToken& token, VTError* error) override;
+    bool addComment(const std::string& comment, const VTPullRequest& pullRequest, VTToken& token,
+                    VTError* error) override;
+    // `commentIdentifier` is the thread's reply handle (the head's replyTo).
+    bool replyTo(const std::string& commentIdentifier, const std::string& comment,
+                 const VTPullRequest& pullRequest, VTToken& token, VTError* error) override;
+    bool editComment(const std::string& commentIdentifier, const std::string& newComment,
+                     const VTPullRequest& pullRequest, VTToken& token, VTError* error) override;
+    bool deleteComment(const std::string& commentIdentifier, const VTPullRequest& pullRequest,
+                       VTToken& token, VTError* error) override;
+    // A nonzero method squashes; a non-empty message becomes the (squash) commit message. The
+    // source branch is kept.
+    bool mergePullRequest(const VTPullRequest& pullRequest, std::int64_t method, const VTData& oid,
+                          const std::string& message, VTToken& token, VTError* error) override;
+    // Closes the merge request; only transport failures fail it.
+    bool closePullRequest(const VTPullRequest& pullRequest, VTToken& token,
+                          VTError* error) override;
+
 private:
     // POSTs a GraphQL request ({"query": text}) to graphQlUrl; the answer's "errors" are left to
     // the caller (the transport already refuses answers that carry them).
@@ -98,6 +130,9 @@ private:
                                                           VTToken& token, VTError* error) const;
     std::optional<boost::json::value> postQuery(std::string_view text, VTToken& token,
                                                 VTError* error) const;
+    // Posts a mutation and reads the "errors" list of its payload data.<payload>.errors.
+    bool postMutation(std::string_view text, std::string_view payload, VTToken& token,
+                      VTError* error) const;
     // refreshToken, then whether the token variable still holds a token.
     bool hasFreshToken(VTToken& token, VTError* error) const;
 
