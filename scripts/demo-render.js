@@ -18,8 +18,12 @@ const say = (text = "") => out.push(text);
 const pad = (text, width) => String(text).padEnd(width);
 const indent = (text, by) =>
     String(text).split("\n").map((line) => " ".repeat(by) + line).join("\n");
-// "2024-06-18T05:22:23Z" -> "2024-06-18 05:22 UTC"
-const when = (iso) => (iso ? iso.replace("T", " ").replace(/:\d\dZ$/, " UTC") : "(no date)");
+// "2024-06-18T05:22:23Z" (or with the offset "+0000") -> "2024-06-18 05:22 UTC"
+const when = (iso) => {
+    const moment = new Date(String(iso).replace(/([+-]\d\d)(\d\d)$/, "$1:$2"));
+    return iso && !isNaN(moment) ? `${moment.toISOString().slice(0, 16).replace("T", " ")} UTC`
+                                 : iso ?? "(no date)";
+};
 // Merge requests are "!12" on GitLab, pull requests "#12" elsewhere.
 const numbered = (pr) => `${pr.hostType === 2 ? "!" : "#"}${pr.number}`;
 const limit = rest.length > 0 ? Number(rest[0]) : Infinity;
@@ -88,7 +92,7 @@ if (reply.error) {
     say(`  ${numbered(pr)} ${pr.title ?? ""}  ${pr.webUrl}`);
     say(`  ${pr.merged ? "merged" : merge}; you may${pr.editable ? "" : " not"} edit, close and merge`);
     say(`  assignees: ${(pr.assignees || []).map((a) => a.author).join(", ") || "none"}`);
-    say(`  labels:    ${(pr.labels || []).map((l) => `${l.name} (#${l.color})`).join(", ") || "none"}`);
+    say(`  labels:    ${(pr.labels || []).map((l) => `${l.name} (#${l.color.replace(/^#/, "")})`).join(", ") || "none"}`);
     say();
     say(`  ${when(description.date)}  ${description.author ?? "the author"} opened it:`);
     say(indent(description.content ?? "", 6));

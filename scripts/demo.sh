@@ -147,9 +147,10 @@ ask conversation --pull-request "$work/pull-request.json" | render conversation 
 gitlab_site=http://gitlab.test
 gitlab_project=http://gitlab.test/tidewater/tideline
 # Every GitLab call reads the OAuth token from its file and, when the host renews it, writes the
-# new one back there (the old refresh token stops working once it has been used).
+# new one back there (the old refresh token stops working once it has been used). Calls about a
+# merge request take its record, which names the host; the others take --host gitlab.
 gitlab() {
-    env -u VELDTRACK_TOKEN "$vthosts" "$@" --host gitlab --token-file "$gitlab_token" \
+    env -u VELDTRACK_TOKEN "$vthosts" "$@" --token-file "$gitlab_token" \
         --save-token "$gitlab_token" --compact
 }
 echo
@@ -158,21 +159,24 @@ cp "$gitlab_token" "$work/gitlab-token.before"
 render token <"$gitlab_token"
 echo
 echo "== GitLab profile:  vthosts profile --url $gitlab_site --host gitlab --token-file FILE --save-token FILE"
-gitlab profile --url "$gitlab_site" >"$work/gitlab-profile.json"
+gitlab profile --url "$gitlab_site" --host gitlab >"$work/gitlab-profile.json"
 render profile <"$work/gitlab-profile.json"
 render renewed "$work/gitlab-token.before" "$gitlab_token" <"$work/gitlab-profile.json"
+echo "  the token the demonstration started with, once more (its refresh token was spent):"
+env -u VELDTRACK_TOKEN "$vthosts" profile --url "$gitlab_site" --host gitlab \
+    --token-file "$work/gitlab-token.before" --compact 2>/dev/null | render profile || true
 echo
 echo "== GitLab repositories:  vthosts repositories --url $gitlab_site --host gitlab"
-gitlab repositories --url "$gitlab_site" | render repositories
+gitlab repositories --url "$gitlab_site" --host gitlab | render repositories
 echo
 echo "== GitLab SSH keys:  vthosts ssh-keys --url $gitlab_site --host gitlab"
-gitlab ssh-keys --url "$gitlab_site" | render ssh-keys
+gitlab ssh-keys --url "$gitlab_site" --host gitlab | render ssh-keys
 echo
 echo "== GitLab open merge requests:  vthosts pull-requests $gitlab_project --host gitlab"
-gitlab pull-requests "$gitlab_project" >"$work/merge-requests.json"
+gitlab pull-requests "$gitlab_project" --host gitlab >"$work/merge-requests.json"
 render pull-requests 6 <"$work/merge-requests.json"
 echo
-echo "== conversation of !$gitlab_fork_number:  vthosts conversation --pull-request FILE --host gitlab"
+echo "== conversation of !$gitlab_fork_number:  vthosts conversation --pull-request FILE"
 render pick "$gitlab_fork_number" <"$work/merge-requests.json" >"$work/merge-request.json"
 gitlab conversation --pull-request "$work/merge-request.json" >"$work/gitlab-conversation.json"
 render conversation 10 <"$work/gitlab-conversation.json"
