@@ -14,7 +14,6 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <chrono>
-#include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -77,18 +76,16 @@ BENCHMARK(LoadConversation)->UseManualTime()->Iterations(25)->Unit(benchmark::kM
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    world = std::make_unique<World>();
-    // The first call activates the service; only then does it have a process to watch.
-    world->endToEnd.activate("GetPrivacyWithUrl", [](sdbus::MethodCall& call) {
-        call << std::string(vt::sample::kSampleGitHubRepository) << std::int64_t{0};
-        vt::wire::appendDictionary(call, world->token);
-    });
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    for (const std::string& line : world->endToEnd.summary()) {
-        std::cout << line << "\n";
-    }
-    world.reset();
-    return 0;
+    return vt::bench::runEndToEnd(
+        argc, argv,
+        []() -> vt::bench::EndToEnd& {
+            world = std::make_unique<World>();
+            // The first call activates the service; only then does it have a process to watch.
+            world->endToEnd.activate("GetPrivacyWithUrl", [](sdbus::MethodCall& call) {
+                call << std::string(vt::sample::kSampleGitHubRepository) << std::int64_t{0};
+                vt::wire::appendDictionary(call, world->token);
+            });
+            return world->endToEnd;
+        },
+        [] { world.reset(); });
 }

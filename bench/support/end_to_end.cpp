@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -178,6 +179,19 @@ void EndToEnd::run(benchmark::State& state, const char* name, const char* member
          << " ms. Targets <= 3 ms and <= 2 %: "
          << (overhead <= 3.0 && share <= 2.0 ? "met" : "missed");
     summary_.push_back(line.str());
+}
+
+int runEndToEnd(int argc, char** argv, const std::function<EndToEnd&()>& start,
+                const std::function<void()>& stop) {
+    benchmark::Initialize(&argc, argv);
+    const EndToEnd& endToEnd = start();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    for (const std::string& line : endToEnd.summary()) {
+        std::cout << line << "\n";
+    }
+    stop();
+    return 0;
 }
 
 }  // namespace vt::bench

@@ -65,4 +65,10 @@ private:
     std::vector<std::string> summary_;
 };
 
+// The main of an end-to-end benchmark program: reads the benchmark options, calls `start` (which
+// makes the sample host and the EndToEnd, and activates the service), runs the benchmarks,
+// prints the summary lines, then calls `stop`.
+int runEndToEnd(int argc, char** argv, const std::function<EndToEnd&()>& start,
+                const std::function<void()>& stop);
+
 }  // namespace vt::bench

@@ -6,33 +6,23 @@
 
 #include "samplehosts/sample_gitlab.h"
 #include "hosts/gitlab/gitlab_host.h"
+#include "sample_support.h"
 #include "scratch.h"
+#include "transport/utilities/utilities.h"
 
 #include <gtest/gtest.h>
-#include <boost/url/parse.hpp>
 
 #include <algorithm>
-#include <fstream>
 #include <set>
 #include <string>
 #include <variant>
 
 namespace {
 
+using vt::test::urlOf;
 using namespace std::chrono_literals;
 using vt::sample::kSampleGitLabProject;
 using vt::sample::kSampleGitLabSite;
-
-VTUrl urlOf(std::string_view text) {
-    return VTUrl(boost::urls::parse_uri(text).value());
-}
-
-std::string firstLine(const std::string& file) {
-    std::ifstream in(std::string(VT_KEY_FIXTURES) + "/" + file);
-    std::string line;
-    std::getline(in, line);
-    return line;
-}
 
 vt::sample::GitLabScale withFixtureClient(vt::sample::GitLabScale scale) {
     scale.clientId = "gitlab-client-id";
@@ -65,12 +55,6 @@ protected:
     explicit ASampleGitLab(vt::sample::GitLabScale scale = {})
         : sample(withFixtureClient(std::move(scale))) {}
 
-    // How many requests reached the sample since the mark, which moves on.
-    std::size_t requestsSince(std::size_t& mark) {
-        const std::size_t now = sample.host().requestCount();
-        return now - std::exchange(mark, now);
-    }
-
     VTPullRequest mergeRequest(std::int64_t number) const {
         VTPullRequest record;
         record.remoteUrl = std::string(kSampleGitLabProject);
@@ -101,7 +85,7 @@ protected:
 };
 
 TEST_F(ALargeSampleGitLab, AnswersEveryReadOfTheDemonstrationPageByPage) {
-    std::size_t mark = 0;
+    vt::test::RequestMark requests(sample.host());
 
     auto user = host.userWithToken(token, &error);
     ASSERT_TRUE(user) << error.description();
@@ -114,11 +98,11 @@ TEST_F(ALargeSampleGitLab, AnswersEveryReadOfTheDemonstrationPageByPage) {
     EXPECT_EQ(profile->at("email"), "ines@tidewater.example");
     EXPECT_EQ(profile->at("company"), "Tidewater");
     EXPECT_TRUE(profile->contains("createdAt"));
-    requestsSince(mark);
+    requests.since();
 
     auto repositories = host.repositoriesWithToken(token, &error);
     ASSERT_TRUE(repositories) << error.description();
-    EXPECT_EQ(requestsSince(mark), 3u);  // the user, the groups, one page of projects
+    EXPECT_EQ(requests.since(), 3u);  // the user, the groups, one page of projects
     auto namesIn = [&](std::string_view space) {
         std::vector<std::string> names;
         for (const auto& repository : repositories->at(space).at("repositories").as_array()) {
@@ -149,12 +133,12 @@ TEST_F(ALargeSampleGitLab, AnswersEveryReadOfTheDemonstrationPageByPage) {
     auto keys = host.sshKeysWithToken(token, &error);
     ASSERT_TRUE(keys) << error.description();
     ASSERT_EQ(keys->size(), 60u);
-    EXPECT_EQ(requestsSince(mark), 2u);  // 50 and 10, through the "next" link
+    EXPECT_EQ(requests.since(), 2u);  // 50 and 10, through the "next" link
     // What ssh-keygen -E md5 -l says of the sample's real keys.
     const char* fixtures[] = {"sample-gitlab-heron", "sample-gitlab-workstation",
                               "sample-gitlab-harbor-ci"};
     for (std::size_t index = 0; index < std::size(fixtures); ++index) {
-        const std::string md5 = firstLine(std::string(fixtures[index]) + ".md5");
+        const std::string md5 = vt::test::keyFixture(std::string(fixtures[index]) + ".md5");
         const std::size_t start = md5.find("MD5:") + 4;
         EXPECT_EQ(keys->at(index).at("fingerprint").as_string(),
                   md5.substr(start, md5.find(' ', start) - start))
@@ -174,12 +158,12 @@ TEST_F(ALargeSampleGitLab, AnswersEveryReadOfTheDemonstrationPageByPage) {
     forks = host.forksForUrl(urlOf("http://gitlab.test/ines-moreau/dotfiles"), token, &error);
     ASSERT_TRUE(forks) << error.description();
     EXPECT_TRUE(forks->empty());
-    requestsSince(mark);
+    requests.since();
 
     auto list = host.pullRequestsWithUrl(urlOf(kSampleGitLabProject), token, &error);
     ASSERT_TRUE(list) << error.description();
     ASSERT_EQ(list->size(), 120u);
-    EXPECT_EQ(requestsSince(mark), 2u);
+    EXPECT_EQ(requests.since(), 2u);
     EXPECT_EQ(list->front().number, sample.newestMergeRequest());
     for (std::size_t index = 1; index < list->size(); ++index) {
         EXPECT_LT(list->at(index).number, list->at(index - 1).number) << index;
@@ -201,7 +185,7 @@ TEST_F(ALargeSampleGitLab, AnswersEveryReadOfTheDemonstrationPageByPage) {
     ASSERT_TRUE(conversation) << error.description();
     // The detail query, then one more page each of assignees, labels, the long thread's notes,
     // discussions and GraphQL commits, and two REST pages of commits.
-    EXPECT_EQ(requestsSince(mark), 8u);
+    EXPECT_EQ(requests.since(), 8u);
     EXPECT_EQ(record.assignees->size(), 120u);
     EXPECT_EQ(record.labels->size(), 105u);
     EXPECT_EQ(conversation->back(), VTConversationItem(true));
@@ -262,13 +246,13 @@ TEST_F(ASampleGitLab, RenewsATokenTheHostSaysHasExpiredAndRepeatsTheRequest) {
     expired.erase("created_at");
     expired.erase("expires_in");
     const VTToken before = expired;
-    std::size_t mark = sample.host().requestCount();
+    vt::test::RequestMark requests(sample.host());
 
     auto keys = host.sshKeysWithToken(expired, &error);
     ASSERT_TRUE(keys) << error.description();
     EXPECT_EQ(keys->size(), 3u);
     EXPECT_EQ(sample.refreshesGranted(), 1u);
-    EXPECT_EQ(requestsSince(mark), 3u);  // refused, renewed, repeated
+    EXPECT_EQ(requests.since(), 3u);  // refused, renewed, repeated
     EXPECT_NE(expired.at("access_token"), before.at("access_token"));
 
     // The access token the renewal replaced is revoked: no second renewal with a spent token.
@@ -391,10 +375,7 @@ TEST_F(ASampleGitLab, KeepsWhatTheAdapterChangesAndRefusesWhatGitLabWould) {
     EXPECT_NE(error.description().find("SHA does not match"), std::string::npos)
         << error.description();
     const std::string head = *commitsOf(load(newest)).back().oid;
-    VTData oid;
-    for (std::size_t index = 0; index < head.size(); index += 2) {
-        oid.push_back(static_cast<std::uint8_t>(std::stoi(head.substr(index, 2), nullptr, 16)));
-    }
+    const VTData oid = vt::dataWithString(head).value();
     ASSERT_TRUE(host.mergePullRequest(newest, 1, oid, "Squashed", token, &error))
         << error.description();
     ASSERT_TRUE(host.closePullRequest(created, token, &error)) << error.description();
@@ -404,7 +385,7 @@ TEST_F(ASampleGitLab, KeepsWhatTheAdapterChangesAndRefusesWhatGitLabWould) {
     }
 
     // SSH keys: added, refused twice, deleted.
-    const std::string key = firstLine("ed25519.pub");
+    const std::string key = vt::test::keyFixture("ed25519.pub");
     ASSERT_TRUE(host.addSshKey(key, "test key", token, &error)) << error.description();
     EXPECT_FALSE(host.addSshKey(key, "again", token, &error));
     EXPECT_EQ(error.code, 400);
