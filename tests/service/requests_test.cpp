@@ -4,6 +4,7 @@
 
 #include "harness.h"
 #include "hosts/github/github_host.h"
+#include "hosts/gitlab/gitlab_host.h"
 #include "service/host_factory.h"
 
 #include <gtest/gtest.h>
@@ -272,10 +273,11 @@ TEST_F(ServiceRequests, HostTypesWithoutAnAdapterAnswerEmptyRepliesAndNoError) {
     EXPECT_TRUE(adapters.calls().empty());
 }
 
-TEST(HostForUrl, BuildsTheGitHubAdapterForTypeOneAndNoAdapterForAnyOtherType) {
+TEST(HostForUrl, BuildsTheGitHubAdapterForTypeOneTheGitLabAdapterForTwoAndNoneForOtherTypes) {
     const VTUrl url("https://github.com/octocat/hello.git");
     EXPECT_NE(dynamic_cast<VTGitHubHost*>(VTHostForUrl(url, 1).get()), nullptr);
-    for (const std::int64_t type : {0, 2, 3, 4, -1}) {
+    EXPECT_NE(dynamic_cast<VTGitLabHost*>(VTHostForUrl(url, 2).get()), nullptr);
+    for (const std::int64_t type : {0, 3, 4, -1}) {
         EXPECT_EQ(VTHostForUrl(url, type), nullptr) << type;
     }
 }

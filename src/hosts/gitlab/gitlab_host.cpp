@@ -55,6 +55,12 @@ std::optional<boost::json::value> VTGitLabHost::postQuery(std::string_view text,
 }
 
 bool VTGitLabHost::hasFreshToken(VTToken& token, VTError* error) const {
+    if (token.empty()) {
+        // Every GitLab operation acts for a signed-in user; say so rather than answer nothing.
+        VTSetError(error, VTError(VTHTTPErrorDomain, 401, stringForStatusCode(401),
+                                  "The request carries no GitLab token."));
+        return false;
+    }
     refreshToken(token, error);
     return !token.empty();
 }
@@ -117,7 +123,7 @@ std::optional<boost::json::object> VTGitLabHost::profileWithToken(VTToken& token
     // A user who shows a public address has chosen to be reachable; the account's own address
     // is the one offered (GitLab's public_email may name another of the user's addresses).
     if (nonEmpty("public_email")) {
-        if (const boost::json::value* email = memberAt(*answer, {"email"})) {
+        if (auto email = stringAt(*answer, {"email"})) {
             profile["email"] = *email;
         }
     }

@@ -4,7 +4,9 @@
 // mutation, REST v4 for the user, projects, SSH keys and commits. GitLab issues OAuth tokens that
 // expire: every operation but userWithToken first renews a token that is about to expire
 // (refreshToken), and the transport asks refreshedToken for a new one when the host says the
-// token expired. A renewed token replaces the caller's token variable whole.
+// token expired. A renewed token replaces the caller's token variable whole. Those operations
+// fail with VTHTTPErrorDomain 401 when called without a token, and with the renewal's error (and
+// an emptied token variable) when a due renewal fails.
 
 #include "transport/host.h"
 
@@ -96,6 +98,12 @@ public:
     // with their project ("group/project:main", "fork/project:feature").
     std::optional<std::vector<VTPullRequest>> pullRequestsWithUrl(const VTUrl& url, VTToken& token,
                                                                   VTError* error) override;
+    // Completes `pullRequest` (identifier, permissions, state, assignees, labels) and returns
+    // [it, its description, threads and commit runs in time order, true when the user may
+    // comment]. Any failed request fails the whole conversation.
+    std::optional<VTConversation> commentsForPullRequest(VTPullRequest& pullRequest, VTToken& token,
+                                                         VTError* error) override;
+
     // Every action returns true on success. A mutation whose payload lists errors fails with
     // VTHTTPErrorDomain 200 and the first of them as description; transport failures pass on
     // the transport's error.
@@ -133,7 +141,8 @@ private:
     // Posts a mutation and reads the "errors" list of its payload data.<payload>.errors.
     bool postMutation(std::string_view text, std::string_view payload, VTToken& token,
                       VTError* error) const;
-    // refreshToken, then whether the token variable still holds a token.
+    // False, with an error, without a token; else refreshToken, then whether the token variable
+    // still holds a token.
     bool hasFreshToken(VTToken& token, VTError* error) const;
 
     VTUrl graphQlUrl_;

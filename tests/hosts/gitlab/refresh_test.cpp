@@ -137,4 +137,34 @@ TEST_F(GitLabRefresh, AHostThatRefusesTheRenewedTokenTooKeepsTheOldOne) {
     EXPECT_EQ(fake.requestCount(), 3u);  // one renewal per request, never a second
 }
 
+TEST_F(GitLabRefresh, AnotherHostThatSaysTheTokenExpiredGetsNoGrant) {
+    // A key page address that leads to another server: the token never went there, so neither
+    // may the grant with the client secret.
+    const std::string port = std::to_string(fake.port());
+    const std::string routes =
+        "gitlab.test:80:127.0.0.1:" + port + ",elsewhere.test:80:127.0.0.1:" + port;
+    setenv("VELDTRACK_CONNECT_TO", routes.c_str(), 1);
+    VTToken live = oauthToken(0);
+    live.erase("created_at");
+    const VTToken before = live;
+    answerRest("GET", "/api/v4/user/keys?per_page=50", "[]",
+               "http://elsewhere.test/api/v4/user/keys?page=2");
+    answerRest("GET", "/api/v4/user/keys?page=2", R"({"error":{"message":"access token expired"}})",
+               "", 401);
+    EXPECT_FALSE(host.sshKeysWithToken(live, &error));
+    EXPECT_EQ(error.code, 401);
+    EXPECT_EQ(live, before);
+    EXPECT_THAT(authorizations(),
+                ::testing::ElementsAre("GET /api/v4/user/keys?per_page=50 Bearer old-access",
+                                       "GET /api/v4/user/keys?page=2 -"));
+}
+
+TEST_F(GitLabRefresh, AnOperationWithoutATokenFailsWithoutAsking) {
+    VTToken none;
+    EXPECT_FALSE(host.profileWithToken(none, &error));
+    EXPECT_EQ(error, VTError(VTHTTPErrorDomain, 401, "HTTP status code 401 (Unauthorized)",
+                             "The request carries no GitLab token."));
+    EXPECT_EQ(fake.requestCount(), 0u);
+}
+
 }  // namespace
