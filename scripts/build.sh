@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # Configures and builds one build folder: scripts/build.sh DIR [extra cmake arguments...]
+# With VT_BUILD_TARGETS set (names separated by blanks), only those targets and what they need
+# are built; otherwise everything, the test suites included.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 dir=$1
@@ -11,4 +13,8 @@ if command -v ccache >/dev/null 2>&1; then
     launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 fi
 cmake -S "$root" -B "$root/$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" "$@" >/dev/null
-cmake --build "$root/$dir" -j "$(nproc)"
+targets=()
+for target in ${VT_BUILD_TARGETS:-}; do
+    targets+=(--target "$target")
+done
+cmake --build "$root/$dir" -j "$(nproc)" "${targets[@]}"

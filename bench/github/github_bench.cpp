@@ -1,15 +1,19 @@
-// The hosts service end to end against a GitHub 20 ms away (bench/support/end_to_end.h says what
-// is measured).
+// The hosts service end to end against a GitHub 20 ms away (see bench/support/end_to_end.h for
+// what is measured).
 //
 // ListPullRequests: 1,000 open pull requests, ten pages of 100.
 // LoadConversation: 120 assignees, 30 labels, 60 comments and 250 commits: one request and four
 // follow-ups.
 
 #include "end_to_end.h"
+#include "records/records.h"
+#include "records/wire.h"
 #include "samplehosts/sample_github.h"
 
 #include <benchmark/benchmark.h>
+#include <sdbus-c++/sdbus-c++.h>
 
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -24,15 +28,25 @@ struct World {
                                      .commits = 250,
                                      .sshKeys = 3,
                                      .delay = std::chrono::milliseconds(20)}};
-    vt::bench::EndToEnd service{github.host(), github.connectTo()};
+    vt::bench::EndToEnd endToEnd{github.host(), {{"VELDTRACK_CONNECT_TO", github.connectTo()}}};
     const VTToken token{{"token_type", "Bearer"},
                         {"access_token", std::string(vt::sample::kSampleGitHubToken)}};
 };
 std::unique_ptr<World> world;
 
 void ListPullRequests(benchmark::State& state) {
-    world->service.runListPullRequests(state, std::string(vt::sample::kSampleGitHubRepository), 1,
-                                       world->token, 1000);
+    const std::string url(vt::sample::kSampleGitHubRepository);
+    world->endToEnd.run(
+        state, "ListPullRequests", "GetPullRequestsWithUrl",
+        [&url](sdbus::MethodCall& call) {
+            call << url << std::int64_t{1};
+            vt::wire::appendDictionary(call, world->token);
+        },
+        [](const boost::json::object& reply) {
+            if (reply.at("pullRequests").as_array().size() != 1000) {
+                throw std::runtime_error("the list does not hold 1,000 pull requests");
+            }
+        });
 }
 BENCHMARK(ListPullRequests)->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
 
@@ -43,8 +57,15 @@ void LoadConversation(benchmark::State& state) {
     pullRequest.number = world->github.newestPullRequest();
     pullRequest.author = "aiko-tanaka";
     pullRequest.date = "2024-06-19T04:30:00Z";
-    world->service.runLoadConversation(
-        state, pullRequest, world->token, [](const boost::json::array& items) {
+    const boost::json::object record = pullRequest.toValue();
+    world->endToEnd.run(
+        state, "LoadConversation", "GetCommentsForPullRequest",
+        [&record](sdbus::MethodCall& call) {
+            vt::wire::appendDictionary(call, record);
+            vt::wire::appendDictionary(call, world->token);
+        },
+        [](const boost::json::object& reply) {
+            const auto& items = reply.at("conversation").as_array();
             if (items.size() < 60 || items.front().at("assignees").as_array().size() != 120) {
                 throw std::runtime_error("the conversation is not the whole pull request");
             }
@@ -55,5 +76,16 @@ BENCHMARK(LoadConversation)->UseManualTime()->Iterations(25)->Unit(benchmark::kM
 }  // namespace
 
 int main(int argc, char** argv) {
-    return vt::bench::runEndToEnd(argc, argv, world);
+    return vt::bench::runEndToEnd(
+        argc, argv,
+        []() -> vt::bench::EndToEnd& {
+            world = std::make_unique<World>();
+            // The first call activates the service; only then does it have a process to watch.
+            world->endToEnd.activate("GetPrivacyWithUrl", [](sdbus::MethodCall& call) {
+                call << std::string(vt::sample::kSampleGitHubRepository) << std::int64_t{0};
+                vt::wire::appendDictionary(call, world->token);
+            });
+            return world->endToEnd;
+        },
+        [] { world.reset(); });
 }

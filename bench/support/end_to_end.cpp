@@ -1,6 +1,5 @@
 #include "end_to_end.h"
 
-#include "private_bus.h"
 #include "records/wire.h"
 #include "service/bus_names.h"
 #include "statistics.h"
@@ -12,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -57,27 +57,29 @@ struct EndToEnd::Call {
     double tail = 0;
 };
 
-EndToEnd::EndToEnd(fake::FakeHost& host, const std::string& connectTo)
-    : host_(host), bus_(std::make_unique<test::PrivateBus>()) {
-    bus_->setActivationEnvironment({{"VELDTRACK_CONNECT_TO", connectTo}});
-    connection_ = bus_->connect();
-    proxy_ = sdbus::createProxy(*connection_, bus::kServiceName, bus::kObjectPath);
-    // The first call activates the service; only then does it have a process to watch. Host
-    // type 0 has no adapter, so the call reaches no host.
-    auto call = proxy_->createMethodCall(bus::kRequestInterface, "GetPrivacyWithUrl");
-    call << std::string("http://example.test/a/b") << std::int64_t{0};
-    wire::appendDictionary(call, boost::json::object{});
-    proxy_->callMethod(call, std::chrono::minutes(1));
-    service_ = bus_->ownerPid(bus::kServiceName).value_or(0);
+EndToEnd::EndToEnd(fake::FakeHost& host, const std::map<std::string, std::string>& environment)
+    : host_(host) {
+    bus_.setActivationEnvironment(environment);
+    connection_ = bus_.connect();
+    proxy_ = sdbus::createProxy(*connection_, vt::bus::kServiceName, vt::bus::kObjectPath);
 }
 
 EndToEnd::~EndToEnd() = default;
 
-// Makes one call and measures it; `check` reads the reply (outside the measured time).
-EndToEnd::Call EndToEnd::measure(const char* member, const Fill& fill, const Check& check) {
-    auto call = proxy_->createMethodCall(bus::kRequestInterface, member);
+void EndToEnd::activate(const char* member, const Fill& fill) {
+    auto call = proxy_->createMethodCall(vt::bus::kRequestInterface, member);
     fill(call);
-    const std::size_t before = host_.requestCount();
+    proxy_->callMethod(call, std::chrono::minutes(1));
+    service_ = bus_.ownerPid(vt::bus::kServiceName).value_or(0);
+}
+
+// Makes one call and measures it; `check` reads the reply (outside the measured time) and
+// throws when it is not the expected one.
+EndToEnd::Call EndToEnd::measure(const char* member, const Fill& fill, const Check& check) {
+    auto call = proxy_->createMethodCall(vt::bus::kRequestInterface, member);
+    fill(call);
+    vt::fake::FakeHost& host = host_;
+    const std::size_t before = host.requestCount();
     const double cpuBefore = cpuMilliseconds(service_);
     const auto start = Clock::now();
     auto reply = proxy_->callMethod(call, std::chrono::minutes(2));
@@ -86,7 +88,7 @@ EndToEnd::Call EndToEnd::measure(const char* member, const Fill& fill, const Che
 
     boost::json::object dictionary;
     std::string fault;
-    if (!wire::readDictionary(reply, dictionary, &fault)) {
+    if (!vt::wire::readDictionary(reply, dictionary, &fault)) {
         throw std::runtime_error(std::string(member) + ": unreadable reply: " + fault);
     }
     if (dictionary.contains("error")) {
@@ -97,11 +99,11 @@ EndToEnd::Call EndToEnd::measure(const char* member, const Fill& fill, const Che
 
     Call measured{Milliseconds(end - start).count(), 0, 0, cpuAfter - cpuBefore};
     // The host notes an answer's end just after writing it; the reply may overtake that note.
-    std::vector<fake::Request> requests;
+    std::vector<vt::fake::Request> requests;
     for (int attempt = 0; attempt < 100; ++attempt) {
-        requests = host_.requests();
+        requests = host.requests();
         if (std::all_of(requests.begin() + static_cast<std::ptrdiff_t>(before), requests.end(),
-                        [](const fake::Request& request) { return request.answered; })) {
+                        [](const vt::fake::Request& request) { return request.answered; })) {
             break;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -179,33 +181,17 @@ void EndToEnd::run(benchmark::State& state, const char* name, const char* member
     summary_.push_back(line.str());
 }
 
-void EndToEnd::runListPullRequests(benchmark::State& state, const std::string& url,
-                                   std::int64_t hostType, const VTToken& token, std::size_t count) {
-    run(
-        state, "ListPullRequests", "GetPullRequestsWithUrl",
-        [&](sdbus::MethodCall& call) {
-            call << url << hostType;
-            wire::appendDictionary(call, token);
-        },
-        [count](const boost::json::object& reply) {
-            if (reply.at("pullRequests").as_array().size() != count) {
-                throw std::runtime_error("the list does not hold " + std::to_string(count) +
-                                         " pull requests");
-            }
-        });
-}
-
-void EndToEnd::runLoadConversation(benchmark::State& state, const VTPullRequest& pullRequest,
-                                   const VTToken& token,
-                                   const std::function<void(const boost::json::array&)>& check) {
-    const boost::json::object record = pullRequest.toValue();
-    run(
-        state, "LoadConversation", "GetCommentsForPullRequest",
-        [&](sdbus::MethodCall& call) {
-            wire::appendDictionary(call, record);
-            wire::appendDictionary(call, token);
-        },
-        [&check](const boost::json::object& reply) { check(reply.at("conversation").as_array()); });
+int runEndToEnd(int argc, char** argv, const std::function<EndToEnd&()>& start,
+                const std::function<void()>& stop) {
+    benchmark::Initialize(&argc, argv);
+    const EndToEnd& endToEnd = start();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    for (const std::string& line : endToEnd.summary()) {
+        std::cout << line << "\n";
+    }
+    stop();
+    return 0;
 }
 
 }  // namespace vt::bench

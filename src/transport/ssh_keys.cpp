@@ -32,4 +32,38 @@ std::optional<boost::json::object> sshKeyWithMembers(const boost::json::value& e
     return key;
 }
 
+namespace {
+
+std::optional<VTUrl> keysAddress(std::string_view keysUrl, VTError* error) {
+    auto url = urlWithText(keysUrl);
+    if (!url) {
+        VTSetError(error, VTError(VTURLErrorDomain, -1000, "The SSH keys address is not a URL."));
+    }
+    return url;
+}
+
+}  // namespace
+
+bool addSshKeyAt(const VTHost& host, std::string_view keysUrl, const std::string& key,
+                 const std::string& title, VTToken& token, VTError* error) {
+    auto url = keysAddress(keysUrl, error);
+    if (!url) {
+        return false;
+    }
+    boost::json::object content;
+    content["title"] = title;
+    content["key"] = key;
+    return host.jsonPostWithUrl(*url, content, token, error).has_value();
+}
+
+bool deleteSshKeyAt(const VTHost& host, std::string_view keysUrl,
+                    const boost::json::value& identifier, VTToken& token, VTError* error) {
+    auto url = keysAddress(keysUrl, error);
+    if (!url) {
+        return false;
+    }
+    url->segments().push_back(placeText(&identifier));
+    return host.jsonDeleteWithUrl(*url, token, error).has_value();
+}
+
 }  // namespace vt

@@ -1,14 +1,18 @@
 #pragma once
 
-// The SSH key dictionary every adapter lists keys with: {"title", "id", "createdAt",
-// "fingerprint"}, each entry only when the host's key object gives a value of the right kind.
+// SSH keys as the REST APIs keep them: the key dictionary every adapter lists keys with
+// ({"title", "id", "createdAt", "fingerprint"}, each entry only when the host's key object gives a
+// value of the right kind), and adding and deleting a key at a host's key list address.
 
 #include "records/error.h"
+#include "records/values.h"
+#include "transport/host.h"
 
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace vt {
@@ -26,5 +30,14 @@ struct SshKeyMembers {
 std::optional<boost::json::object> sshKeyWithMembers(const boost::json::value& element,
                                                      const SshKeyMembers& members,
                                                      std::string_view datePattern, VTError* error);
+
+// POSTs {"title": title, "key": key} to the key list at `keysUrl`; true when an answer came.
+bool addSshKeyAt(const VTHost& host, std::string_view keysUrl, const std::string& key,
+                 const std::string& title, VTToken& token, VTError* error);
+
+// DELETEs the key `identifier` below `keysUrl`; true when an answer came. The identifier becomes
+// one escaped path segment, so that no identifier can reach another address on the host.
+bool deleteSshKeyAt(const VTHost& host, std::string_view keysUrl,
+                    const boost::json::value& identifier, VTToken& token, VTError* error);
 
 }  // namespace vt

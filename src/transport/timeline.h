@@ -25,6 +25,11 @@ using TimelineItem = std::variant<VTPullRequestComment, VTPullRequestCommit>;
 double timelineMoment(const std::optional<std::string>& text,
                       std::string_view pattern = kIsoDatePattern);
 
+// The entry that follows the pull request in its conversation: its description as a comment with
+// the pull request's identifier, author, picture, date and editability.
+VTPullRequestComment descriptionComment(const VTPullRequest& pullRequest,
+                                        std::optional<std::string> content);
+
 // Items of the same moment are told apart by stepping 0.1 seconds, so the one stored first keeps
 // the earlier key and is listed first.
 //

@@ -5,6 +5,7 @@
 #include "harness.h"
 #include "hosts/bitbucket/bitbucket_host.h"
 #include "hosts/github/github_host.h"
+#include "hosts/gitlab/gitlab_host.h"
 #include "service/host_factory.h"
 
 #include <gtest/gtest.h>
@@ -273,11 +274,12 @@ TEST_F(ServiceRequests, HostTypesWithoutAnAdapterAnswerEmptyRepliesAndNoError) {
     EXPECT_TRUE(adapters.calls().empty());
 }
 
-TEST(HostForUrl, BuildsTheGitHubAndBitbucketAdaptersAndNoAdapterForAnyOtherType) {
+TEST(HostForUrl, BuildsTheAdapterOfEachHostTypeAndNoneForOtherTypes) {
     const VTUrl url("https://github.com/octocat/hello.git");
     EXPECT_NE(dynamic_cast<VTGitHubHost*>(VTHostForUrl(url, 1).get()), nullptr);
+    EXPECT_NE(dynamic_cast<VTGitLabHost*>(VTHostForUrl(url, 2).get()), nullptr);
     EXPECT_NE(dynamic_cast<VTBitbucketbHost*>(VTHostForUrl(url, 3).get()), nullptr);
-    for (const std::int64_t type : {0, 2, 4, -1}) {
+    for (const std::int64_t type : {0, 4, -1}) {
         EXPECT_EQ(VTHostForUrl(url, type), nullptr) << type;
     }
 }

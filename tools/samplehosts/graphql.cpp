@@ -4,6 +4,7 @@
 #include "transport/utilities/utilities.h"
 
 #include <boost/json/array.hpp>
+#include <boost/json/parse.hpp>
 
 #include <algorithm>
 #include <cctype>
@@ -371,12 +372,6 @@ public:
     }
 
 private:
-    static std::string typeOf(const boost::json::object& model) {
-        const boost::json::value* type = model.if_contains("__typename");
-        return type != nullptr && type->is_string() ? std::string(type->get_string())
-                                                    : std::string("Object");
-    }
-
     void addError(const Field& field, std::string message, boost::json::object extra) {
         boost::json::object error = std::move(extra);
         boost::json::array path;
@@ -450,6 +445,15 @@ private:
     // The value as the field's selections ask for it.
     boost::json::value shape(const boost::json::value& value, const Field& field) {
         if (field.selections.empty()) {
+            // A list of scalars (GitLab's mutation "errors") is a leaf; objects and lists of
+            // objects need selections.
+            const boost::json::array* list = value.if_array();
+            if (list != nullptr &&
+                std::none_of(list->begin(), list->end(), [](const boost::json::value& element) {
+                    return element.is_object() || element.is_array();
+                })) {
+                return value;
+            }
             if (value.is_object() || value.is_array()) {
                 addInvalid(field, "Field must have selections (field '" + field.name + "')",
                            "selectionMismatch");
@@ -573,6 +577,36 @@ std::optional<Document> parse(std::string_view text, std::string* problem) {
 boost::json::object execute(const Document& document, const boost::json::object& root,
                             const Lookup& lookup, const Dialect& dialect) {
     return Runner(lookup, dialect).run(document, root);
+}
+
+std::optional<boost::json::object> answerRequest(std::string_view body, const Lookup& lookup,
+                                                 const Dialect& dialect) {
+    boost::system::error_code fault;
+    const boost::json::value content = boost::json::parse(body, fault);
+    const boost::json::value* query =
+        content.is_object() ? content.get_object().if_contains("query") : nullptr;
+    if (fault || query == nullptr || !query->is_string()) {
+        return std::nullopt;
+    }
+    std::string problem;
+    const auto document = parse(query->get_string(), &problem);
+    if (!document) {
+        return errorAnswer(problem);
+    }
+    const boost::json::object root{{"__typename", document->mutation ? "Mutation" : "Query"}};
+    return execute(*document, root, lookup, dialect);
+}
+
+std::string typeOf(const boost::json::object& model) {
+    const boost::json::value* type = model.if_contains("__typename");
+    return type != nullptr && type->is_string() ? std::string(type->get_string())
+                                                : std::string("Object");
+}
+
+const boost::json::object& inputOf(const Field& field) {
+    static const boost::json::object kNoInput;
+    const boost::json::value* given = field.arguments.if_contains("input");
+    return given != nullptr && given->is_object() ? given->get_object() : kNoInput;
 }
 
 boost::json::object errorAnswer(std::string_view message) {

@@ -84,6 +84,17 @@ using Lookup = std::function<std::optional<Built>(
 boost::json::object execute(const Document& document, const boost::json::object& root,
                             const Lookup& lookup, const Dialect& dialect = {});
 
+// The answer body for the JSON request body {"query": text}: the text parsed and run, or the
+// parse error; nullopt when the body holds no query text (the host's own 400).
+// The root is {"__typename": "Query"} or {"__typename": "Mutation"}.
+std::optional<boost::json::object> answerRequest(std::string_view body, const Lookup& lookup,
+                                                 const Dialect& dialect = {});
+
+// The type a model object names under "__typename" ("Object" when it names none).
+std::string typeOf(const boost::json::object& model);
+// The "input" object argument of a mutation field (an empty object when there is none).
+const boost::json::object& inputOf(const Field& field);
+
 // The answer body for a document that could not be run at all.
 boost::json::object errorAnswer(std::string_view message);
 

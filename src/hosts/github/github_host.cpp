@@ -342,28 +342,12 @@ std::optional<boost::json::array> VTGitHubHost::sshKeysWithToken(VTToken& token,
 
 bool VTGitHubHost::addSshKey(const std::string& key, const std::string& title, VTToken& token,
                              VTError* error) {
-    auto url = urlWithText(sshKeysUrl_);
-    if (!url) {
-        VTSetError(error, VTError(VTURLErrorDomain, -1000, "The SSH keys address is not a URL."));
-        return false;
-    }
-    boost::json::object content;
-    content["title"] = title;
-    content["key"] = key;
-    return jsonPostWithUrl(*url, content, token, error).has_value();
+    return vt::addSshKeyAt(*this, sshKeysUrl_, key, title, token, error);
 }
 
 bool VTGitHubHost::deleteSshKey(const boost::json::value& keyIdentifier, VTToken& token,
                                 VTError* error) {
-    auto url = urlWithText(sshKeysUrl_);
-    if (!url) {
-        VTSetError(error, VTError(VTURLErrorDomain, -1000, "The SSH keys address is not a URL."));
-        return false;
-    }
-    // The identifier becomes one escaped path segment, so that no identifier can reach another
-    // address on the host.
-    url->segments().push_back(placeText(&keyIdentifier));
-    return jsonDeleteWithUrl(*url, token, error).has_value();
+    return vt::deleteSshKeyAt(*this, sshKeysUrl_, keyIdentifier, token, error);
 }
 
 // ---- Privacy and forks

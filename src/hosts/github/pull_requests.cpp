@@ -153,13 +153,8 @@ std::optional<VTConversation> VTGitHubHost::commentsForPullRequest(VTPullRequest
     pullRequest.merged = isTrueAt(details, {"merged"});
     pullRequest.mergeable = mergeableState(stringAt(details, {"mergeable"}));
 
-    VTPullRequestComment description;
-    description.identifier = pullRequest.identifier;
-    description.author = pullRequest.author;
-    description.avatarUrl = pullRequest.avatarUrl;
-    description.date = pullRequest.date;
-    description.editable = pullRequest.editable;
-    description.content = stringAt(details, {"body"});
+    VTPullRequestComment description =
+        vt::descriptionComment(pullRequest, stringAt(details, {"body"}));
 
     // Each connection of the first answer is followed on its own, with its own follow-up text.
     auto follow = [&](std::string_view connection, std::string_view pageText,
