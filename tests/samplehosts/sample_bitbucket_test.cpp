@@ -5,16 +5,16 @@
 
 #include "samplehosts/sample_bitbucket.h"
 #include "hosts/bitbucket/bitbucket_host.h"
+#include "sample_support.h"
 #include "samplehosts/partial_response.h"
 #include "scratch.h"
 #include "transport/utilities/utilities.h"
 
 #include <gtest/gtest.h>
 #include <boost/json/parse.hpp>
-#include <boost/url/parse.hpp>
 
-#include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <variant>
 
@@ -22,12 +22,9 @@ namespace {
 
 using vt::sample::kSampleBitbucketRepository;
 using vt::sample::kSampleBitbucketSite;
+using vt::test::urlOf;
 
 const std::string kDeletedMarker("\x04\x05\x06");
-
-VTUrl urlOf(std::string_view text) {
-    return VTUrl(boost::urls::parse_uri(text).value());
-}
 
 // The top-level comments of a conversation, and the commits of its commit groups.
 struct Parts {
@@ -66,12 +63,6 @@ protected:
         scale.clientId = "bitbucket-client-id";
         scale.clientSecret = "bitbucket-client-secret";
         return scale;
-    }
-
-    // How many requests reached the sample since the mark, which moves on.
-    std::size_t requestsSince(std::size_t& mark) {
-        const std::size_t now = sample.host().requestCount();
-        return now - std::exchange(mark, now);
     }
 
     VTPullRequest listed(std::int64_t number) {
@@ -116,7 +107,7 @@ protected:
 };
 
 TEST_F(ALargeSampleBitbucket, AnswersEveryReadOfTheDemonstrationPageByPage) {
-    std::size_t mark = 0;
+    vt::test::RequestMark requests(sample.host());
 
     auto user = host.userWithToken(token, &error);
     ASSERT_TRUE(user) << error.description();
@@ -127,12 +118,12 @@ TEST_F(ALargeSampleBitbucket, AnswersEveryReadOfTheDemonstrationPageByPage) {
     ASSERT_TRUE(profile) << error.description();
     EXPECT_TRUE(profile->contains("createdAt")) << "the fractional creation time was read";
     EXPECT_TRUE(profile->at("profileUrl").as_string().starts_with("http://bitbucket.test/%7B"));
-    requestsSince(mark);
+    requests.since();
 
     auto repositories = host.repositoriesWithToken(token, &error);
     ASSERT_TRUE(repositories) << error.description();
     // The user, the workspace, and two pages of repositories.
-    EXPECT_EQ(requestsSince(mark), 4u);
+    EXPECT_EQ(requests.since(), 4u);
     std::set<std::string> owners;
     for (const auto& [owner, entry] : *repositories) {
         owners.insert(std::string(owner));
@@ -158,7 +149,7 @@ TEST_F(ALargeSampleBitbucket, AnswersEveryReadOfTheDemonstrationPageByPage) {
 
     auto keys = host.sshKeysWithToken(token, &error);
     ASSERT_TRUE(keys) << error.description();
-    EXPECT_EQ(requestsSince(mark), 3u);  // the user name, then 50 and 10 keys
+    EXPECT_EQ(requests.since(), 3u);  // the user name, then 50 and 10 keys
     ASSERT_EQ(keys->size(), 60u);
     // What ssh-keygen -E md5 -l says of the first, real key.
     EXPECT_EQ(keys->at(0).at("fingerprint"), "a1:a1:be:b0:18:43:b9:3e:8f:93:90:8b:22:78:d8:e8");
@@ -177,11 +168,11 @@ TEST_F(ALargeSampleBitbucket, AnswersEveryReadOfTheDemonstrationPageByPage) {
     forks = host.forksForUrl(urlOf("http://bitbucket.test/mara-lindqvist/dotfiles"), token, &error);
     ASSERT_TRUE(forks) << error.description();
     EXPECT_TRUE(forks->empty());
-    requestsSince(mark);
+    requests.since();
 
     auto list = host.pullRequestsWithUrl(urlOf(kSampleBitbucketRepository), token, &error);
     ASSERT_TRUE(list) << error.description();
-    EXPECT_EQ(requestsSince(mark), 3u);
+    EXPECT_EQ(requests.since(), 3u);
     ASSERT_EQ(list->size(), 120u);
     EXPECT_EQ(list->front().number, sample.newestPullRequest());
     for (std::size_t index = 1; index < list->size(); ++index) {
@@ -190,13 +181,11 @@ TEST_F(ALargeSampleBitbucket, AnswersEveryReadOfTheDemonstrationPageByPage) {
     VTPullRequest fromFork = listed(sample.forkPullRequest());
     EXPECT_EQ(fromFork.baseReference, "tidewater/tilestream:main");
     EXPECT_EQ(fromFork.headReference, "mara-lindqvist/tilestream:skip-empty-tiles-at");
-    mark = sample.host().requestCount();
-
     VTPullRequest newest = listed(sample.newestPullRequest());
-    requestsSince(mark);
+    requests.since();
     auto conversation = load(newest);
     // The user, the details, three pages each of diffstat, comments and commits.
-    EXPECT_EQ(requestsSince(mark), 11u);
+    EXPECT_EQ(requests.since(), 11u);
     EXPECT_EQ(newest.mergeable, 0u);
     EXPECT_FALSE(newest.editable) << "opened by someone else";
     EXPECT_EQ(newest.webUrl, "http://bitbucket.test/tidewater/tilestream/pull-requests/" +
@@ -221,9 +210,9 @@ TEST_F(ALargeSampleBitbucket, AnswersEveryReadOfTheDemonstrationPageByPage) {
 
     // The conflict is on the second diffstat page, which ends the diffstat.
     VTPullRequest conflicted = listed(sample.conflictPullRequest());
-    requestsSince(mark);
+    requests.since();
     load(conflicted);
-    EXPECT_EQ(requestsSince(mark), 10u);
+    EXPECT_EQ(requests.since(), 10u);
     EXPECT_EQ(conflicted.mergeable, 1u);
 }
 
@@ -385,12 +374,11 @@ TEST_F(ASampleBitbucket, KeepsKeysAndRepositoriesSignedInWithAnApiToken) {
         {"token_type", "Basic"},
         {"access_token", vt::base64String(std::string(vt::sample::kSampleBitbucketEmail) + ":" +
                                           std::string(vt::sample::kSampleBitbucketApiToken))}};
-    std::ifstream keyFile(std::string(VT_KEY_FIXTURES) + "/ed25519.pub");
-    std::ifstream fingerprintFile(std::string(VT_KEY_FIXTURES) + "/ed25519.md5");
-    std::string key;
+    const std::string key = vt::test::keyFixture("ed25519.pub");
+    // "256 MD5:57:d5:... comment (ED25519)"
+    std::string bits;
     std::string fingerprint;
-    std::getline(keyFile, key);
-    fingerprintFile >> fingerprint >> fingerprint;  // "256 MD5:57:d5:..."
+    std::istringstream(vt::test::keyFixture("ed25519.md5")) >> bits >> fingerprint;
     ASSERT_TRUE(host.addSshKey(key, "not sent", token, &error)) << error.description();
     EXPECT_FALSE(host.addSshKey(key, "again", token, &error));
     EXPECT_EQ(error.recoverySuggestion(), "key: Someone has already added that SSH key.");
