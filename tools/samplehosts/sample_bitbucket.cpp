@@ -1,6 +1,7 @@
 #include "samplehosts/sample_bitbucket.h"
 
 #include "samplehosts/partial_response.h"
+#include "samplehosts/sample_data.h"
 #include "samplehosts/text.h"
 #include "transport/utilities/utilities.h"
 
@@ -158,35 +159,27 @@ constexpr std::string_view kCommitHeadlines[] = {
 constexpr std::string_view kDiffstatStatuses[] = {"modified", "modified", "added",  "modified",
                                                   "removed",  "modified", "renamed"};
 
-// Real public keys (made once with ssh-keygen); their MD5 fingerprints are
-// a1:a1:be:b0:18:43:b9:3e:8f:93:90:8b:22:78:d8:e8, 41:37:3c:26:80:a5:93:e4:0a:71:7c:10:fd:89:d8:9f
-// and c6:87:f1:57:0b:25:ee:c6:ea:02:69:ac:42:ac:76:02. Bitbucket keeps the comment apart from
-// the key and lets the user add a label.
-struct KeySeed {
-    std::string_view label;
-    std::string_view key;
-    std::string_view comment;
-};
-constexpr KeySeed kRealKeys[] = {
+// Real public keys (made once with ssh-keygen), with the labels the user gave them; their MD5
+// fingerprints are a1:a1:be:b0:18:43:b9:3e:8f:93:90:8b:22:78:d8:e8,
+// 41:37:3c:26:80:a5:93:e4:0a:71:7c:10:fd:89:d8:9f and
+// c6:87:f1:57:0b:25:ee:c6:ea:02:69:ac:42:ac:76:02.
+constexpr std::pair<std::string_view, std::string_view> kRealKeys[] = {
     {"Osprey (laptop)",
-     "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIB1g7xumZu0Gzig8jo7P2MxdUmKfYjWJSoqa/TGmL2lk",
+     "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIB1g7xumZu0Gzig8jo7P2MxdUmKfYjWJSoqa/TGmL2lk "
      "mara@osprey"},
     {"Tidewater CI",
      "ecdsa-sha2-nistp384 "
      "AAAAE2VjZHNhLXNoYTItbmlzdHAzODQAAAAIbmlzdHAzODQAAABhBHHmIG8AFReZvcNNf+w80kU7OGV70du/"
      "+9wFqo6Cy3jrQU+Cdeh/gTYoGp6lCeR7xFEBwf8Xo6A3uHs7rYY7xb+xv/pdnGxe/QUGlmPzOhqYwBWKH6CtRO/"
-     "ABWexw8tqjg==",
-     "mara@tidewater-ci"},
+     "ABWexw8tqjg== mara@tidewater-ci"},
     {"",
      "ssh-rsa "
      "AAAAB3NzaC1yc2EAAAADAQABAAABAQCtdbHaRsyrHm8BTJDvEQYMNVya/"
      "OyCa9RentsTXS7RJibzi+YpgT9dYjBiikYPKPOm+F0zXoJ6prk9wv0EDIwIFitw3ypjgEV/"
      "o6+PUee3YM9ppLZ3M7CuD5Nr+fAmSGrIkPPfFjLM7k4yGSWckw61ZxZVu+bSWq8Kdln8s+"
-     "W5oe7gOk5WXKMoPdiVS5nvGR"
-     "dnQr/"
+     "W5oe7gOk5WXKMoPdiVS5nvGRdnQr/"
      "HJQEkHdGFcy5q74KXuiZMXeaXwUdWyiIjbt1UXFdfZ34WPvCpoalhG1szaWmQfx7meqnsIv1kDB9CSVz0pdSu4FUx4"
-     "g+5aXYTPO1S9k3taINXLcRfPAeyI56NaTvT0s8key1lvlyrJsNyhb7V",
-     "mara@old-thinkpad"},
+     "g+5aXYTPO1S9k3taINXLcRfPAeyI56NaTvT0s8key1lvlyrJsNyhb7V mara@old-thinkpad"},
 };
 
 // "2024-06-18T05:22:23.412345+00:00", the way Bitbucket writes creation and update times, or
@@ -327,14 +320,6 @@ struct Repository {
     std::vector<PullRequest> pullRequests;  // newest first
 
     std::string fullName() const { return workspace + "/" + slug; }
-};
-
-struct SshKey {
-    std::string uuid;
-    std::string key;  // "type base64", without the comment
-    std::string comment;
-    std::string label;
-    std::time_t created = 0;
 };
 
 // The page a list request asks for with "pagelen" and "page"; what cannot be read is ignored.
@@ -501,6 +486,9 @@ private:
                              const Commit& commit) const;
     json::object diffstatModel(const PullRequest& pullRequest, std::size_t index) const;
     json::object keyModel(const Site& site, const SshKey& key) const;
+    static std::string keyUuid(const SshKey& key) {
+        return uuidOf(static_cast<std::uint64_t>(key.id));
+    }
 
     void makeConversation(PullRequest& pullRequest) const;
     const Person* person(std::string_view nicknameOrId) const;
@@ -514,7 +502,8 @@ private:
     std::vector<Person> people_;
     std::vector<Workspace> workspaces_;
     std::vector<Repository> repositories_;
-    std::vector<SshKey> keys_;
+    // The user's keys; Bitbucket names each by a uuid made of its id.
+    KeyRing keys_;
     // Access tokens handed out, and whether each has expired; the refresh tokens that still work.
     std::map<std::string, bool, std::less<>> accessTokens_;
     std::set<std::string, std::less<>> refreshTokens_;
@@ -522,7 +511,14 @@ private:
     std::int64_t nextCommentId_ = 560000000;
 };
 
-SampleBitbucket::State::State(const BitbucketScale& scale) : scale_(scale) {
+SampleBitbucket::State::State(const BitbucketScale& scale)
+    : scale_(scale),
+      keys_(scale.sshKeys, KeyRing::Seed{.realKeys = kRealKeys,
+                                         .madeUpTitle = "Deploy key ",
+                                         .madeUpComment = "deploy@tiles",
+                                         .firstId = 9100,
+                                         .newest = kNow - 83 * kDay,
+                                         .daysApart = 83}) {
     for (const PersonSeed& seed : kPeople) {
         const std::uint64_t bits = seedOf(seed.nickname);
         people_.push_back(Person{std::string(seed.nickname), std::string(seed.displayName),
@@ -608,25 +604,6 @@ SampleBitbucket::State::State(const BitbucketScale& scale) : scale_(scale) {
         tilestream.pullRequests.push_back(std::move(pullRequest));
     }
 
-    for (int index = 0; index < std::max(0, scale.sshKeys); ++index) {
-        SshKey key;
-        key.uuid = uuidOf(static_cast<std::uint64_t>(index) + 9100);
-        const auto real = static_cast<std::size_t>(index);
-        if (real < std::size(kRealKeys)) {
-            key.label = kRealKeys[real].label;
-            key.key = kRealKeys[real].key;
-            key.comment = kRealKeys[real].comment;
-        } else {
-            const std::string made = madeUpKey(static_cast<std::uint64_t>(index) + 500, "");
-            key.key = made.substr(0, made.rfind(' '));
-            char comment[32];
-            std::snprintf(comment, sizeof comment, "deploy@tiles-%02d", index - 2);
-            key.comment = comment;
-        }
-        key.created = kNow - (index + 1) * 83 * kDay - index * 3607;
-        keys_.push_back(std::move(key));
-    }
-
     accessTokens_.emplace(kSampleBitbucketToken, false);
     accessTokens_.emplace(kSampleBitbucketExpiredToken, true);
     refreshTokens_.emplace(kSampleBitbucketRefreshToken);
@@ -676,15 +653,12 @@ void SampleBitbucket::State::makeConversation(PullRequest& pullRequest) const {
         return;
     }
     const int seed = pullRequest.seed;
-    // The author, the viewer and two reviewers.
-    std::vector<std::string> speakers{pullRequest.author, std::string(kViewer)};
-    for (int index = seed + 2; speakers.size() < 4; ++index) {
-        const std::string candidate(
-            kPeople[static_cast<std::size_t>(index) % std::size(kPeople)].nickname);
-        if (std::find(speakers.begin(), speakers.end(), candidate) == speakers.end()) {
-            speakers.push_back(candidate);
-        }
+    std::vector<std::string_view> nicknames;
+    for (const PersonSeed& known : kPeople) {
+        nicknames.push_back(known.nickname);
     }
+    const std::vector<std::string> speakers =
+        participantsOf(pullRequest.author, kViewer, nicknames, seed);
     const int comments = std::max(0, scale_.comments);
     const int commits = std::max(0, scale_.commits);
     const int items = comments + commits;
@@ -693,8 +667,7 @@ void SampleBitbucket::State::makeConversation(PullRequest& pullRequest) const {
     int commit = 0;
     for (int item = 0; item < items; ++item) {
         const std::time_t moment = pullRequest.created + (item + 1) * step;
-        // Comments fall evenly among the commits.
-        if (comments > 0 && (item + 1) * comments / items > item * comments / items) {
+        if (isCommentAt(item, comments, items)) {
             // Threads in a cycle of ten: replies answer a comment of the same cycle, a reply
             // may be answered in turn, and two top-level comments were deleted, the first of
             // them after it was answered.
@@ -727,8 +700,7 @@ void SampleBitbucket::State::makeConversation(PullRequest& pullRequest) const {
         made.hash = hexDigits(static_cast<std::uint64_t>(pullRequest.id) * 100003 +
                                   static_cast<std::uint64_t>(commit),
                               40);
-        const int run = (commit / 3) % 4;
-        made.author = run == 1 ? speakers[3] : run == 3 ? speakers[2] : speakers[0];
+        made.author = commitAuthorOf(commit, speakers);
         if (commit % 13 == 12) {
             made.author.clear();
             made.raw = "Tile Robot <robot@tidewater.test>";
@@ -1022,17 +994,20 @@ json::object SampleBitbucket::State::diffstatModel(const PullRequest& pullReques
 
 json::object SampleBitbucket::State::keyModel(const Site& site, const SshKey& key) const {
     const std::string escaped = "%7B" + withoutBraces(people_.front().uuid) + "%7D";
+    const std::string uuid = keyUuid(key);
+    // Bitbucket keeps the key's comment apart from the key and the label the user gave it.
+    const std::size_t comment = key.key.find(' ', key.key.find(' ') + 1);
     return json::object{
         {"type", "ssh_key"},
-        {"uuid", key.uuid},
-        {"key", key.key},
-        {"comment", key.comment},
-        {"label", key.label},
+        {"uuid", uuid},
+        {"key", key.key.substr(0, comment)},
+        {"comment", comment == std::string::npos ? "" : key.key.substr(comment + 1)},
+        {"label", key.title},
         {"created_on", bitbucketTime(key.created)},
         {"last_used", bitbucketTime(key.created + 20 * kDay)},
         {"owner", accountModel(site, kViewer)},
         {"links", json::object{{"self", link(site.api + "/2.0/users/" + escaped + "/ssh-keys/%7B" +
-                                             withoutBraces(key.uuid) + "%7D")}}},
+                                             withoutBraces(uuid) + "%7D")}}},
     };
 }
 
@@ -1552,41 +1527,34 @@ fake::Response SampleBitbucket::State::sshKeyRoutes(const fake::Request& request
     }
     const std::string& method = request.method;
     if (segments.size() == 3 && method == "GET") {
+        const std::vector<SshKey>& keys = keys_.keys();
         return listPage(
-            site, target, keys_.size(),
-            [&](std::size_t index) { return json::value(keyModel(site, keys_[index])); }, 100);
+            site, target, keys.size(),
+            [&](std::size_t index) { return json::value(keyModel(site, keys[index])); }, 100);
     }
     if (segments.size() == 3 && method == "POST") {
         const auto content = bodyObject(request);
         const std::string text =
             content ? stringMember(*content, {"key"}).value_or("") : std::string();
-        if (!isPublicKey(text)) {
-            return failure(400, "key: That is not a valid public SSH key.");
-        }
-        for (const SshKey& existing : keys_) {
-            if (keyBody(existing.key) == keyBody(text)) {
+        switch (keys_.add(content ? stringMember(*content, {"label"}).value_or("") : "", text)) {
+            case KeyRing::Outcome::invalid:
+                return failure(400, "key: That is not a valid public SSH key.");
+            case KeyRing::Outcome::taken:
                 return failure(400, "key: Someone has already added that SSH key.");
-            }
+            case KeyRing::Outcome::added:
+                break;
         }
-        SshKey made;
-        made.uuid = uuidOf(seedOf(text) + nextSerial_++);
-        const std::size_t space = text.find(' ', text.find(' ') + 1);
-        made.key = text.substr(0, space);
-        made.comment = space == std::string::npos ? "" : text.substr(space + 1);
-        made.label = content ? stringMember(*content, {"label"}).value_or("") : "";
-        made.created = now();
-        keys_.push_back(std::move(made));
-        return answerWith(keyModel(site, keys_.back()), 201);
+        return answerWith(keyModel(site, keys_.keys().back()), 201);
     }
     if (segments.size() == 4 && (method == "DELETE" || method == "GET")) {
         // The key by its uuid, with or without the braces.
         const std::string wanted = withoutBraces(segments[3]);
-        for (auto key = keys_.begin(); key != keys_.end(); ++key) {
-            if (withoutBraces(key->uuid) == wanted) {
+        for (const SshKey& key : keys_.keys()) {
+            if (withoutBraces(keyUuid(key)) == wanted) {
                 if (method == "GET") {
-                    return shaped(keyModel(site, *key), target);
+                    return shaped(keyModel(site, key), target);
                 }
-                keys_.erase(key);
+                keys_.remove(std::to_string(key.id));
                 fake::Response gone;
                 gone.status = 204;
                 return gone;
