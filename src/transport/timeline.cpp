@@ -6,6 +6,18 @@
 
 namespace vt {
 
+VTPullRequestComment descriptionComment(const VTPullRequest& pullRequest,
+                                        std::optional<std::string> content) {
+    VTPullRequestComment description;
+    description.identifier = pullRequest.identifier;
+    description.author = pullRequest.author;
+    description.avatarUrl = pullRequest.avatarUrl;
+    description.date = pullRequest.date;
+    description.editable = pullRequest.editable;
+    description.content = std::move(content);
+    return description;
+}
+
 double timelineMoment(const std::optional<std::string>& text, std::string_view pattern) {
     return text ? momentWithIsoText(*text, pattern).value_or(0.0) : 0.0;
 }
@@ -70,18 +82,6 @@ void Timeline::appendTo(VTConversation& conversation) const {
         lastDay = moment;
         afterComment = false;
     }
-}
-
-VTPullRequestComment descriptionComment(const VTPullRequest& pullRequest,
-                                        std::optional<std::string> content) {
-    VTPullRequestComment description;
-    description.identifier = pullRequest.identifier;
-    description.author = pullRequest.author;
-    description.avatarUrl = pullRequest.avatarUrl;
-    description.date = pullRequest.date;
-    description.editable = pullRequest.editable;
-    description.content = std::move(content);
-    return description;
 }
 
 }  // namespace vt

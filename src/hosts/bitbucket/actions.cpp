@@ -25,15 +25,20 @@ std::int64_t leadingInteger(std::string_view text) {
 }  // namespace
 
 bool VTBitbucketbHost::sendToPullRequest(std::string_view method, const VTPullRequest& pullRequest,
-                                         const std::string& tail, const boost::json::value* content,
-                                         VTToken& token, VTError* error) const {
+                                         std::string_view tail, const boost::json::value* content,
+                                         VTToken& token, VTError* error,
+                                         std::optional<std::string_view> commentIdentifier) const {
     auto base = pullRequestText(pullRequest, error);
     if (!base) {
         return false;
     }
-    auto url = vt::urlWithQueryText(*base + tail, error);
+    auto url = vt::urlWithQueryText(*base + std::string(tail), error);
     if (!url) {
         return false;
+    }
+    if (commentIdentifier) {
+        // One escaped segment, so that no identifier can lead to another address on the host.
+        url->segments().push_back(*commentIdentifier);
     }
     return jsonWithContent(content, method, *url, token, nullptr, error).has_value();
 }
@@ -79,30 +84,29 @@ bool VTBitbucketbHost::editPullRequest(const VTPullRequest& pullRequest, const s
 bool VTBitbucketbHost::addComment(const std::string& comment, const VTPullRequest& pullRequest,
                                   VTToken& token, VTError* error) {
     const boost::json::value content = {{"content", rawContent(comment)}};
-    return sendToPullRequest("POST", pullRequest, std::string(kComments), &content, token, error);
+    return sendToPullRequest("POST", pullRequest, kComments, &content, token, error);
 }
 
 bool VTBitbucketbHost::replyTo(const std::string& commentIdentifier, const std::string& comment,
                                const VTPullRequest& pullRequest, VTToken& token, VTError* error) {
     const boost::json::value content = {{"content", rawContent(comment)},
                                         {"parent", {{"id", leadingInteger(commentIdentifier)}}}};
-    return sendToPullRequest("POST", pullRequest, std::string(kComments), &content, token, error);
+    return sendToPullRequest("POST", pullRequest, kComments, &content, token, error);
 }
 
 bool VTBitbucketbHost::editComment(const std::string& commentIdentifier,
                                    const std::string& newComment, const VTPullRequest& pullRequest,
                                    VTToken& token, VTError* error) {
     const boost::json::value content = {{"content", rawContent(newComment)}};
-    return sendToPullRequest("PUT", pullRequest, std::string(kComments) + "/" + commentIdentifier,
-                             &content, token, error);
+    return sendToPullRequest("PUT", pullRequest, kComments, &content, token, error,
+                             commentIdentifier);
 }
 
 bool VTBitbucketbHost::deleteComment(const std::string& commentIdentifier,
                                      const VTPullRequest& pullRequest, VTToken& token,
                                      VTError* error) {
-    return sendToPullRequest("DELETE", pullRequest,
-                             std::string(kComments) + "/" + commentIdentifier, nullptr, token,
-                             error);
+    return sendToPullRequest("DELETE", pullRequest, kComments, nullptr, token, error,
+                             commentIdentifier);
 }
 
 bool VTBitbucketbHost::mergePullRequest(
@@ -116,11 +120,11 @@ bool VTBitbucketbHost::mergePullRequest(
         content["message"] = message;
     }
     const boost::json::value body = std::move(content);
-    return sendToPullRequest("POST", pullRequest, std::string(kMerge), &body, token, error);
+    return sendToPullRequest("POST", pullRequest, kMerge, &body, token, error);
 }
 
 bool VTBitbucketbHost::closePullRequest(const VTPullRequest& pullRequest, VTToken& token,
                                         VTError* error) {
     const boost::json::value content = boost::json::object();
-    return sendToPullRequest("POST", pullRequest, std::string(kDecline), &content, token, error);
+    return sendToPullRequest("POST", pullRequest, kDecline, &content, token, error);
 }

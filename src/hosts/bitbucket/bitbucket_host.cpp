@@ -43,12 +43,21 @@ std::optional<boost::json::value> VTBitbucketbHost::jsonGetWithText(const std::s
     return jsonGetWithUrl(*url, token, nullptr, error);
 }
 
-std::optional<std::string> VTBitbucketbHost::username(VTToken& token, VTError* error) const {
-    auto answer = jsonGetWithText(userUrl_ + std::string(kUsernameFields), token, error);
-    if (!answer) {
-        return std::nullopt;
-    }
-    return vt::stringAt(*answer, {"username"}).value_or(std::string(vt::kMissingText));
+bool VTBitbucketbHost::pageValues(
+    const VTUrl& first,
+    const std::function<vt::PageStep(const boost::json::value&, VTError*)>& each, VTToken& token,
+    VTError* error) const {
+    auto page = [&each](const boost::json::value& answer, VTError* pageError) {
+        if (const boost::json::array* values = vt::arrayAt(answer, {"values"})) {
+            for (const boost::json::value& value : *values) {
+                if (const vt::PageStep step = each(value, pageError); step != vt::PageStep::more) {
+                    return step;
+                }
+            }
+        }
+        return vt::PageStep::more;
+    };
+    return vt::pageNext(*this, first, page, token, error);
 }
 
 // ---- Account and profile
@@ -100,7 +109,7 @@ std::optional<boost::json::object> VTBitbucketbHost::profileWithToken(VTToken& t
 std::optional<VTToken> VTBitbucketbHost::refreshedToken(const VTToken& token, const VTUrl& url,
                                                         VTError* error) const {
     const vt::OAuthClient& client = vt::oauthCredentials().bitbucket;
-    // The refresh token goes as the host issued it: its tokens need no form encoding.
+    // The refresh token goes in as it stands, without form encoding.
     const std::string body =
         std::string(kRefreshBody) + vt::placeText(token.if_contains("refresh_token"));
 

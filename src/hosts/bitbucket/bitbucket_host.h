@@ -5,11 +5,13 @@
 // registered client's Basic authorisation.
 
 #include "transport/host.h"
+#include "transport/paging.h"
 
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -109,16 +111,24 @@ private:
     // GETs a URL text, percent-encoded as a whole where the query may not hold a character.
     std::optional<boost::json::value> jsonGetWithText(const std::string& text, VTToken& token,
                                                       VTError* error) const;
-    // The user's "username", read with its own request.
-    std::optional<std::string> username(VTToken& token, VTError* error) const;
+    // Reads the pages of a list from `first` on, following "next", and hands every element of
+    // each page's "values" to `each`, which says whether to go on (PageStep::more), stop with
+    // success (last) or fail (failed, having set the error).
+    bool pageValues(const VTUrl& first,
+                    const std::function<vt::PageStep(const boost::json::value&, VTError*)>& each,
+                    VTToken& token, VTError* error) const;
+    // "<sshKeysUrl>/<the user's username>" + `tail` as a URL; the username is read with its own
+    // request.
+    std::optional<VTUrl> userKeysUrl(std::string_view tail, VTToken& token, VTError* error) const;
     // "<repositoriesUrl>/<repository path of the remote URL>/pullrequests/<number>".
     std::optional<std::string> pullRequestText(const VTPullRequest& pullRequest,
                                                VTError* error) const;
-    // Sends `content` (or nothing, for DELETE) to the pull request's address followed by `tail`;
-    // true when an answer came.
+    // Sends `content` (or nothing, for DELETE) to the pull request's address followed by `tail`
+    // and, when given, the comment identifier as one more path segment; true when an answer came.
     bool sendToPullRequest(std::string_view method, const VTPullRequest& pullRequest,
-                           const std::string& tail, const boost::json::value* content,
-                           VTToken& token, VTError* error) const;
+                           std::string_view tail, const boost::json::value* content, VTToken& token,
+                           VTError* error,
+                           std::optional<std::string_view> commentIdentifier = std::nullopt) const;
 
     std::string userUrl_;
     std::string repositoriesUrl_;

@@ -100,44 +100,38 @@ std::optional<std::vector<VTPullRequest>> VTBitbucketbHost::pullRequestsWithUrl(
         return std::nullopt;
     }
     std::vector<VTPullRequest> pullRequests;
-    auto page = [&](const boost::json::value& answer, VTError*) {
-        const boost::json::array* values = vt::arrayAt(answer, {"values"});
-        if (values == nullptr) {
-            return vt::PageStep::more;
+    auto readPullRequest = [&](const boost::json::value& value, VTError*) {
+        VTPullRequest pullRequest;
+        pullRequest.identifier = vt::placeText(vt::memberAt(value, {"id"}));
+        pullRequest.number = vt::integerAt(value, {"id"});
+        pullRequest.author = vt::stringAt(value, {"author", "nickname"});
+        if (!pullRequest.author) {
+            pullRequest.author = vt::stringAt(value, {"author", "username"});
         }
-        for (const boost::json::value& value : *values) {
-            VTPullRequest pullRequest;
-            pullRequest.identifier = vt::placeText(vt::memberAt(value, {"id"}));
-            pullRequest.number = vt::integerAt(value, {"id"});
-            pullRequest.author = vt::stringAt(value, {"author", "nickname"});
-            if (!pullRequest.author) {
-                pullRequest.author = vt::stringAt(value, {"author", "username"});
-            }
-            pullRequest.avatarUrl = vt::urlAt(value, {"author", "links", "avatar", "href"});
-            pullRequest.title = vt::stringAt(value, {"title"});
-            if (auto created = vt::stringAt(value, {"created_on"})) {
-                pullRequest.date = convertedDateString(*created, true);
-            }
-            auto base = vt::stringAt(value, {"destination", "branch", "name"});
-            auto head = vt::stringAt(value, {"source", "branch", "name"});
-            // A pull request from a fork names both branches with their repositories, the form
-            // the client passes back when it creates one.
-            if (vt::objectAt(value, {"source", "repository"}) != nullptr) {
-                auto source = vt::stringAt(value, {"source", "repository", "full_name"});
-                if (source != path->fullName) {
-                    base = path->fullName + ":" + vt::placeText(base);
-                    head = vt::placeText(source) + ":" + vt::placeText(head);
-                }
-            }
-            pullRequest.baseReference = std::move(base);
-            pullRequest.headReference = std::move(head);
-            pullRequests.push_back(std::move(pullRequest));
+        pullRequest.avatarUrl = vt::urlAt(value, {"author", "links", "avatar", "href"});
+        pullRequest.title = vt::stringAt(value, {"title"});
+        if (auto created = vt::stringAt(value, {"created_on"})) {
+            pullRequest.date = convertedDateString(*created, true);
         }
+        auto base = vt::stringAt(value, {"destination", "branch", "name"});
+        auto head = vt::stringAt(value, {"source", "branch", "name"});
+        // A pull request from a fork names both branches with their repositories, the form
+        // the client passes back when it creates one.
+        if (vt::objectAt(value, {"source", "repository"}) != nullptr) {
+            auto source = vt::stringAt(value, {"source", "repository", "full_name"});
+            if (source != path->fullName) {
+                base = path->fullName + ":" + vt::placeText(base);
+                head = vt::placeText(source) + ":" + vt::placeText(head);
+            }
+        }
+        pullRequest.baseReference = std::move(base);
+        pullRequest.headReference = std::move(head);
+        pullRequests.push_back(std::move(pullRequest));
         return vt::PageStep::more;
     };
     auto first = vt::urlWithQueryText(
         repositoriesUrl_ + "/" + path->fullName + std::string(kOpenPullRequests), error);
-    if (!first || !vt::pageNext(*this, *first, page, token, error)) {
+    if (!first || !pageValues(*first, readPullRequest, token, error)) {
         return std::nullopt;
     }
     return pullRequests;
@@ -191,90 +185,66 @@ std::optional<VTConversation> VTBitbucketbHost::commentsForPullRequest(VTPullReq
                                       "The host sent a diffstat address that is not a URL."));
             return std::nullopt;
         }
-        auto page = [&conflict](const boost::json::value& answer, VTError*) {
-            if (const boost::json::array* values = vt::arrayAt(answer, {"values"})) {
-                for (const boost::json::value& value : *values) {
-                    if (vt::stringAt(value, {"status"}) == "merge conflict") {
-                        conflict = true;
-                        return vt::PageStep::last;
-                    }
-                }
-            }
-            return vt::PageStep::more;
+        auto readFile = [&conflict](const boost::json::value& file, VTError*) {
+            conflict = vt::stringAt(file, {"status"}) == "merge conflict";
+            return conflict ? vt::PageStep::last : vt::PageStep::more;
         };
-        if (!vt::pageNext(*this, *first, page, token, error)) {
+        if (!pageValues(*first, readFile, token, error)) {
             return std::nullopt;
         }
     }
     pullRequest.mergeable = conflict ? 1 : 0;
 
-    VTPullRequestComment description;
-    description.identifier = pullRequest.identifier;
-    description.author = pullRequest.author;
-    description.avatarUrl = pullRequest.avatarUrl;
-    description.date = pullRequest.date;
-    description.editable = pullRequest.editable;
-    description.content = vt::stringAt(*details, {"description"});
+    VTPullRequestComment description =
+        vt::descriptionComment(pullRequest, vt::stringAt(*details, {"description"}));
 
     CommentTree comments;
-    auto commentPage = [&](const boost::json::value& answer, VTError*) {
-        const boost::json::array* values = vt::arrayAt(answer, {"values"});
-        if (values == nullptr) {
-            return vt::PageStep::more;
+    auto readComment = [&](const boost::json::value& value, VTError*) {
+        VTPullRequestComment comment;
+        const std::string identifier = vt::placeText(vt::memberAt(value, {"id"}));
+        comment.identifier = identifier;
+        comment.replyTo = identifier;
+        comment.author = vt::stringAt(value, {"user", "nickname"});
+        comment.avatarUrl = vt::urlAt(value, {"user", "links", "avatar", "href"});
+        std::optional<double> moment;
+        if (auto created = vt::stringAt(value, {"created_on"})) {
+            comment.date = convertedDateString(*created, true, &moment);
         }
-        for (const boost::json::value& value : *values) {
-            VTPullRequestComment comment;
-            const std::string identifier = vt::placeText(vt::memberAt(value, {"id"}));
-            comment.identifier = identifier;
-            comment.replyTo = identifier;
-            comment.author = vt::stringAt(value, {"user", "nickname"});
-            comment.avatarUrl = vt::urlAt(value, {"user", "links", "avatar", "href"});
-            std::optional<double> moment;
-            if (auto created = vt::stringAt(value, {"created_on"})) {
-                comment.date = convertedDateString(*created, true, &moment);
-            }
-            comment.editable = isOwn(vt::stringAt(value, {"user", "uuid"}));
-            comment.deletable = comment.editable;
-            if (!vt::isTrueAt(value, {"deleted"})) {
-                comment.content = vt::stringAt(value, {"content", "raw"});
-            }
-            std::optional<std::string> parent;
-            if (vt::memberAt(value, {"parent"}) != nullptr) {
-                parent = vt::placeText(vt::memberAt(value, {"parent", "id"}));
-            }
-            comments.add(identifier, parent, std::move(comment), moment.value_or(0.0));
+        comment.editable = isOwn(vt::stringAt(value, {"user", "uuid"}));
+        comment.deletable = comment.editable;
+        if (!vt::isTrueAt(value, {"deleted"})) {
+            comment.content = vt::stringAt(value, {"content", "raw"});
         }
+        std::optional<std::string> parent;
+        if (vt::memberAt(value, {"parent"}) != nullptr) {
+            parent = vt::placeText(vt::memberAt(value, {"parent", "id"}));
+        }
+        comments.add(identifier, parent, std::move(comment), moment.value_or(0.0));
         return vt::PageStep::more;
     };
     auto firstComments = vt::urlWithQueryText(*base + std::string(kCommentsFirstPage), error);
-    if (!firstComments || !vt::pageNext(*this, *firstComments, commentPage, token, error)) {
+    if (!firstComments || !pageValues(*firstComments, readComment, token, error)) {
         return std::nullopt;
     }
     vt::Timeline timeline;
     comments.addTo(timeline);
     timeline.keepComments(keepTopLevelComment);
 
-    auto commitPage = [&timeline](const boost::json::value& answer, VTError*) {
-        const boost::json::array* values = vt::arrayAt(answer, {"values"});
-        if (values == nullptr) {
-            return vt::PageStep::more;
+    auto readCommit = [&timeline](const boost::json::value& value, VTError*) {
+        VTPullRequestCommit commit;
+        commit.author = vt::stringAt(value, {"author", "user", "nickname"});
+        commit.avatarUrl = vt::urlAt(value, {"author", "user", "links", "avatar", "href"});
+        commit.oid = vt::stringAt(value, {"hash"});
+        std::optional<double> moment;
+        if (auto date = vt::stringAt(value, {"date"})) {
+            commit.date = convertedDateString(*date, false, &moment);
         }
-        for (const boost::json::value& value : *values) {
-            VTPullRequestCommit commit;
-            commit.author = vt::stringAt(value, {"author", "user", "nickname"});
-            commit.avatarUrl = vt::urlAt(value, {"author", "user", "links", "avatar", "href"});
-            commit.oid = vt::stringAt(value, {"hash"});
-            std::optional<double> moment;
-            if (auto date = vt::stringAt(value, {"date"})) {
-                commit.date = convertedDateString(*date, false, &moment);
-            }
-            commit.message = firstLine(vt::stringAt(value, {"message"}));
-            timeline.add(moment.value_or(0.0), std::move(commit));
-        }
+        commit.message = firstLine(vt::stringAt(value, {"message"}));
+        timeline.add(moment.value_or(0.0), std::move(commit));
         return vt::PageStep::more;
     };
     auto firstCommits = vt::urlWithQueryText(*base + std::string(kCommitsFirstPage), error);
-    if (!firstCommits || !vt::pageNext(*this, *firstCommits, commitPage, token, error)) {
+    if (!firstCommits || !pageValues(*firstCommits, readCommit, token, error)) {
         return std::nullopt;
     }
 

@@ -157,54 +157,46 @@ std::optional<boost::json::object> VTBitbucketbHost::repositoriesWithToken(VTTok
     namespaces.insert(namespaces.begin(), own);
 
     boost::json::object owners;
-    auto page = [&](const boost::json::value& answer, VTError*) {
-        const boost::json::array* values = vt::arrayAt(answer, {"values"});
-        if (values == nullptr) {
+    auto readRepository = [&](const boost::json::value& repository, VTError*) {
+        if (vt::stringAt(repository, {"scm"}) != "git") {
             return vt::PageStep::more;
         }
-        for (const boost::json::value& repository : *values) {
-            if (vt::stringAt(repository, {"scm"}) != "git") {
-                continue;
-            }
-            const boost::json::object* found = vt::objectAt(repository, {"owner"});
-            const boost::json::object& owner = found != nullptr ? *found : emptyObject();
-            auto account = vt::stringAt(owner, {"nickname"});
-            if (!account) {
-                account = vt::stringAt(owner, {"username"});
-            }
-            if (!account) {
-                continue;  // nobody to list it under
-            }
-            const std::string& key = *account;
-            boost::json::value* entry = owners.if_contains(key);
-            if (entry == nullptr) {
-                boost::json::object created;
-                if (auto name = vt::stringAt(owner, {"display_name"})) {
-                    created["name"] = *name;
-                }
-                if (auto picture = vt::urlAt(owner, {"links", "avatar", "href"})) {
-                    created["avatar"] = *picture;
-                }
-                if (account == username) {
-                    created["namespaces"] =
-                        boost::json::array(namespaces.begin(), namespaces.end());
-                }
-                created["repositories"] = boost::json::array();
-                entry = &(owners[key] = std::move(created));
-            }
-            entry->as_object()["repositories"].as_array().emplace_back(
-                fixedKeysRepository(repository));
+        const boost::json::object* found = vt::objectAt(repository, {"owner"});
+        const boost::json::object& owner = found != nullptr ? *found : emptyObject();
+        auto account = vt::stringAt(owner, {"nickname"});
+        if (!account) {
+            account = vt::stringAt(owner, {"username"});
         }
+        if (!account) {
+            return vt::PageStep::more;  // nobody to list it under
+        }
+        const std::string& key = *account;
+        boost::json::value* entry = owners.if_contains(key);
+        if (entry == nullptr) {
+            boost::json::object created;
+            if (auto name = vt::stringAt(owner, {"display_name"})) {
+                created["name"] = *name;
+            }
+            if (auto picture = vt::urlAt(owner, {"links", "avatar", "href"})) {
+                created["avatar"] = *picture;
+            }
+            if (account == username) {
+                created["namespaces"] = boost::json::array(namespaces.begin(), namespaces.end());
+            }
+            created["repositories"] = boost::json::array();
+            entry = &(owners[key] = std::move(created));
+        }
+        entry->as_object()["repositories"].as_array().emplace_back(fixedKeysRepository(repository));
         return vt::PageStep::more;
     };
     auto first =
         vt::urlWithQueryText(repositoriesUrl_ + std::string(kContributorRepositories), error);
-    if (!first || !vt::pageNext(*this, *first, page, token, error)) {
+    if (!first || !pageValues(*first, readRepository, token, error)) {
         return std::nullopt;
     }
 
-    // A user without repositories of their own still gets an entry to create one in: under the
-    // own name only, since the workspaces' repositories are not theirs to list here.
+    // A user who owns none of the listed repositories still gets an entry to create one in; it
+    // offers the own namespace only, not the workspaces.
     if (username && !owners.contains(*username)) {
         boost::json::object entry;
         entry["repositories"] = boost::json::array();
@@ -307,38 +299,40 @@ std::optional<std::vector<std::string>> VTBitbucketbHost::forksForUrl(const VTUr
 
 // ---- SSH keys
 
+std::optional<VTUrl> VTBitbucketbHost::userKeysUrl(std::string_view tail, VTToken& token,
+                                                   VTError* error) const {
+    auto answer = jsonGetWithText(userUrl_ + std::string(kUsernameFields), token, error);
+    if (!answer) {
+        return std::nullopt;
+    }
+    return vt::urlWithQueryText(
+        sshKeysUrl_ + "/" + vt::placeText(vt::stringAt(*answer, {"username"})) + std::string(tail),
+        error);
+}
+
 std::optional<boost::json::array> VTBitbucketbHost::sshKeysWithToken(VTToken& token,
                                                                      VTError* error) {
-    // Keys can be deleted by their id only with a password: OAuth tokens may not delete them.
+    // Keys listed under a user name and password carry their id; under OAuth tokens they do not.
     const bool basic = vt::stringAt(token, {"token_type"}) == "Basic";
-    auto name = username(token, error);
-    if (!name) {
+    auto first = userKeysUrl(kSshKeysFirstPage, token, error);
+    if (!first) {
         return std::nullopt;
     }
     boost::json::array keys;
-    auto page = [&keys, basic](const boost::json::value& answer, VTError* pageError) {
-        const boost::json::array* values = vt::arrayAt(answer, {"values"});
-        if (values == nullptr) {
-            return vt::PageStep::more;
+    auto readKey = [&keys, basic](const boost::json::value& value, VTError* pageError) {
+        auto key =
+            vt::sshKeyWithMembers(value, kKeyMembers, vt::kIsoFractionDatePattern, pageError);
+        if (!key) {
+            return vt::PageStep::failed;
         }
-        for (const boost::json::value& value : *values) {
-            auto key =
-                vt::sshKeyWithMembers(value, kKeyMembers, vt::kIsoFractionDatePattern, pageError);
-            if (!key) {
-                return vt::PageStep::failed;
-            }
-            if (auto uuid = vt::stringAt(value, {"uuid"}); basic && uuid) {
-                // The uuid without the braces around it.
-                (*key)["id"] =
-                    uuid->size() >= 2 ? uuid->substr(1, uuid->size() - 2) : std::string();
-            }
-            keys.emplace_back(std::move(*key));
+        if (auto uuid = vt::stringAt(value, {"uuid"}); basic && uuid) {
+            // The uuid without the braces around it.
+            (*key)["id"] = uuid->size() >= 2 ? uuid->substr(1, uuid->size() - 2) : std::string();
         }
+        keys.emplace_back(std::move(*key));
         return vt::PageStep::more;
     };
-    auto first =
-        vt::urlWithQueryText(sshKeysUrl_ + "/" + *name + std::string(kSshKeysFirstPage), error);
-    if (!first || !vt::pageNext(*this, *first, page, token, error)) {
+    if (!pageValues(*first, readKey, token, error)) {
         return std::nullopt;
     }
     return keys;
@@ -346,11 +340,7 @@ std::optional<boost::json::array> VTBitbucketbHost::sshKeysWithToken(VTToken& to
 
 bool VTBitbucketbHost::addSshKey(const std::string& key, const std::string& /*title*/,
                                  VTToken& token, VTError* error) {
-    auto name = username(token, error);
-    if (!name) {
-        return false;
-    }
-    auto url = vt::urlWithQueryText(sshKeysUrl_ + "/" + *name + std::string(kSshKeys), error);
+    auto url = userKeysUrl(kSshKeys, token, error);
     if (!url) {
         return false;
     }
@@ -361,15 +351,11 @@ bool VTBitbucketbHost::addSshKey(const std::string& key, const std::string& /*ti
 
 bool VTBitbucketbHost::deleteSshKey(const boost::json::value& keyIdentifier, VTToken& token,
                                     VTError* error) {
-    auto name = username(token, error);
-    if (!name) {
-        return false;
-    }
-    auto url = vt::urlWithQueryText(
-        sshKeysUrl_ + "/" + *name + std::string(kSshKeys) + "/" + vt::placeText(&keyIdentifier),
-        error);
+    auto url = userKeysUrl(kSshKeys, token, error);
     if (!url) {
         return false;
     }
+    // One escaped segment, so that no identifier can lead to another address on the host.
+    url->segments().push_back(vt::placeText(&keyIdentifier));
     return jsonDeleteWithUrl(*url, token, error).has_value();
 }

@@ -62,13 +62,6 @@ TEST_F(BitbucketAccount, TheProfileHasTheLocalizedCreationAndThePageOrNothing) {
     EXPECT_EQ(host.profileWithToken(token, &error), boost::json::object());
 }
 
-TEST_F(BitbucketAccount, AFailedRequestGivesNothingAndTheHostsMessage) {
-    answerGet("/2.0/user", R"({"type":"error","error":{"message":"Bad credentials"}})", 401);
-    EXPECT_FALSE(host.profileWithToken(token, &error));
-    EXPECT_EQ(error, VTError(VTHTTPErrorDomain, 401, "HTTP status code 401 (Unauthorized)",
-                             "Bad credentials"));
-}
-
 // ---- Token refresh
 
 constexpr const char* kExpired =

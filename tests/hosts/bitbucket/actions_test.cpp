@@ -57,6 +57,8 @@ TEST_F(BitbucketActions, SendEachItsMethodPathAndBody) {
          [&] { return host.editComment("42", "Fixed typo", pullRequest, token, &error); }},
         {"delete a comment", "DELETE", base + "/7/comments/42", std::nullopt,
          [&] { return host.deleteComment("42", pullRequest, token, &error); }},
+        {"an identifier stays in its own segment", "DELETE", base + "/7/comments/4%2F..%3Fx=1",
+         std::nullopt, [&] { return host.deleteComment("4/..?x=1", pullRequest, token, &error); }},
         {"merge commit without message", "POST", base + "/7/merge",
          boost::json::object{{"merge_strategy", "merge_commit"}, {"close_source_branch", false}},
          [&] { return host.mergePullRequest(pullRequest, 0, {0xab}, "", token, &error); }},

@@ -1,7 +1,8 @@
 #pragma once
 
-// A Bitbucket adapter talking to a scripted fake host that answers both for the API host
-// api.bitbucket.test and for the site bitbucket.test (where tokens are renewed).
+// A Bitbucket adapter talking to a scripted fake host that answers for the API host
+// api.bitbucket.test, for the site bitbucket.test (where tokens are renewed) and for
+// elsewhere.test (a host the token must never reach).
 
 #include "host_test.h"
 #include "hosts/bitbucket/bitbucket_host.h"
@@ -35,8 +36,9 @@ protected:
     void SetUp() override {
         FakeHostTest::SetUp();
         const std::string port = std::to_string(fake.port());
-        const std::string routes =
-            "api.bitbucket.test:80:127.0.0.1:" + port + ",bitbucket.test:80:127.0.0.1:" + port;
+        const std::string routes = "api.bitbucket.test:80:127.0.0.1:" + port +
+                                   ",bitbucket.test:80:127.0.0.1:" + port +
+                                   ",elsewhere.test:80:127.0.0.1:" + port;
         setenv("VELDTRACK_CONNECT_TO", routes.c_str(), 1);
     }
 

@@ -119,6 +119,19 @@ TEST_F(BitbucketRepositories, PagingStopsWithAnErrorOnARepeatedOrBrokenNextAddre
     }
 }
 
+TEST_F(BitbucketRepositories, ANextPageOnAnotherHostIsReadWithoutTheToken) {
+    answerGet(kUserTarget, kUser);
+    answerGet(kWorkspacesTarget, R"({"values":[]})");
+    answerGet(kRepositoriesTarget, R"({"values":[],"next":"http://elsewhere.test/page/2"})");
+    answerGet("/page/2", R"({"values":[]})");
+    ASSERT_TRUE(host.repositoriesWithToken(token, &error)) << error.description();
+    const auto requests = fake.requests();
+    ASSERT_EQ(requests.size(), 4u);
+    EXPECT_EQ(requests[2].header("Authorization"), "Bearer secret");
+    EXPECT_EQ(requests[3].header("Host"), "elsewhere.test");
+    EXPECT_FALSE(requests[3].header("Authorization"));
+}
+
 TEST_F(BitbucketRepositories, CreationSendsThePrivacyAsTextAndAnswersBothCloneAddresses) {
     const char* created = R"({"links":{"clone":[
         {"name":"https","href":"https://alice@bitbucket.test/alice/new.git"},
