@@ -25,8 +25,9 @@ using TimelineItem = std::variant<VTPullRequestComment, VTPullRequestCommit>;
 double timelineMoment(const std::optional<std::string>& text,
                       std::string_view pattern = kIsoDatePattern);
 
-// The entry that follows the pull request in its conversation: its description as a comment with
-// the pull request's identifier, author, picture, date and editability.
+// The comment a conversation shows a pull request's description as, second after the pull
+// request itself: it carries the pull request's identifier, author, picture, date and
+// editability, and `content` as its text.
 VTPullRequestComment descriptionComment(const VTPullRequest& pullRequest,
                                         std::optional<std::string> content);
 

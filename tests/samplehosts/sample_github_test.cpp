@@ -4,15 +4,14 @@
 
 #include "samplehosts/sample_github.h"
 #include "hosts/github/github_host.h"
+#include "sample_support.h"
 #include "scratch.h"
+#include "transport/utilities/utilities.h"
 
 #include <gtest/gtest.h>
 #include <boost/json/parse.hpp>
-#include <boost/url/parse.hpp>
 
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 #include <variant>
 
@@ -20,10 +19,7 @@ namespace {
 
 using vt::sample::kSampleGitHubRepository;
 using vt::sample::kSampleGitHubSite;
-
-VTUrl urlOf(std::string_view text) {
-    return VTUrl(boost::urls::parse_uri(text).value());
-}
+using vt::test::urlOf;
 
 template <typename Item>
 Item lastOf(const VTConversation& conversation) {
@@ -38,12 +34,6 @@ Item lastOf(const VTConversation& conversation) {
 class ASampleGitHub : public ::testing::Test {
 protected:
     explicit ASampleGitHub(vt::sample::GitHubScale scale = {}) : sample(scale) {}
-
-    // How many requests reached the sample since the mark, which moves on.
-    std::size_t requestsSince(std::size_t& mark) {
-        const std::size_t now = sample.host().requestCount();
-        return now - std::exchange(mark, now);
-    }
 
     vt::sample::SampleGitHub sample;
     vt::test::ScopedVariable route{"VELDTRACK_CONNECT_TO", sample.connectTo()};
@@ -66,7 +56,7 @@ protected:
 };
 
 TEST_F(ALargeSampleGitHub, AnswersEveryReadOfTheDemonstrationPageByPage) {
-    std::size_t mark = 0;
+    vt::test::RequestMark requests(sample.host());
 
     auto user = host.userWithToken(token, &error);
     ASSERT_TRUE(user) << error.description();
@@ -96,7 +86,7 @@ TEST_F(ALargeSampleGitHub, AnswersEveryReadOfTheDemonstrationPageByPage) {
               (std::vector<std::string>{"mara-lindqvist", "northwind-tools", "openkiln"}));
     EXPECT_EQ(own.at("repositories").at(1).at("parent"),
               "Forked from http://github.test/openkiln/kiln");
-    EXPECT_EQ(requestsSince(mark), 3u);
+    EXPECT_EQ(requests.since(), 3u);
 
     auto keys = host.sshKeysWithToken(token, &error);
     ASSERT_TRUE(keys) << error.description();
@@ -106,7 +96,7 @@ TEST_F(ALargeSampleGitHub, AnswersEveryReadOfTheDemonstrationPageByPage) {
     for (const auto& key : *keys) {
         EXPECT_TRUE(key.as_object().contains("fingerprint")) << key.at("title").as_string();
     }
-    EXPECT_EQ(requestsSince(mark), 2u);  // 50 and 10, through the "next" link
+    EXPECT_EQ(requests.since(), 2u);  // 50 and 10, through the "next" link
 
     EXPECT_TRUE(host.isPrivateRepositoryAtUrl(urlOf("http://github.test/northwind-tools/ledger"),
                                               token, &error));
@@ -115,12 +105,12 @@ TEST_F(ALargeSampleGitHub, AnswersEveryReadOfTheDemonstrationPageByPage) {
     ASSERT_TRUE(forks) << error.description();
     EXPECT_EQ(*forks, (std::vector<std::string>{"git@github.test:openkiln/kiln.git",
                                                 "http://github.test/openkiln/kiln"}));
-    requestsSince(mark);
+    requests.since();
 
     auto list = host.pullRequestsWithUrl(urlOf(kSampleGitHubRepository), token, &error);
     ASSERT_TRUE(list) << error.description();
     ASSERT_EQ(list->size(), 120u);
-    EXPECT_EQ(requestsSince(mark), 2u);
+    EXPECT_EQ(requests.since(), 2u);
     EXPECT_EQ(list->front().number, sample.newestPullRequest());
     for (std::size_t index = 1; index < list->size(); ++index) {
         EXPECT_LT(list->at(index).number, list->at(index - 1).number) << index;
@@ -140,7 +130,7 @@ TEST_F(ALargeSampleGitHub, AnswersEveryReadOfTheDemonstrationPageByPage) {
     auto conversation = host.commentsForPullRequest(pullRequest, token, &error);
     ASSERT_TRUE(conversation) << error.description();
     // One request and the follow-ups: assignees one, labels none, comments one, commits two.
-    EXPECT_EQ(requestsSince(mark), 5u);
+    EXPECT_EQ(requests.since(), 5u);
     EXPECT_EQ(pullRequest.assignees->size(), 120u);
     EXPECT_EQ(pullRequest.labels->size(), 3u);
     std::size_t comments = 0;
@@ -208,10 +198,7 @@ TEST_F(ASampleGitHub, KeepsWhatTheAdapterChangesAndRefusesWhatGitHubWould) {
     EXPECT_FALSE(host.mergePullRequest(newest, 0, VTData(20, 0), "", token, &error));
     EXPECT_NE(error.description().find("Head branch was modified"), std::string::npos)
         << error.description();
-    VTData oid;
-    for (std::size_t index = 0; index < head.size(); index += 2) {
-        oid.push_back(static_cast<std::uint8_t>(std::stoi(head.substr(index, 2), nullptr, 16)));
-    }
+    const VTData oid = vt::dataWithString(head).value();
     ASSERT_TRUE(host.mergePullRequest(newest, 2, oid, "Merge it\n", token, &error))
         << error.description();
     ASSERT_TRUE(host.closePullRequest(created, token, &error)) << error.description();
@@ -221,9 +208,7 @@ TEST_F(ASampleGitHub, KeepsWhatTheAdapterChangesAndRefusesWhatGitHubWould) {
     }
 
     // SSH keys: added, refused twice, deleted.
-    std::ifstream file(std::string(VT_KEY_FIXTURES) + "/ed25519.pub");
-    std::string key;
-    std::getline(file, key);
+    const std::string key = vt::test::keyFixture("ed25519.pub");
     ASSERT_TRUE(host.addSshKey(key, "test key", token, &error)) << error.description();
     EXPECT_FALSE(host.addSshKey(key, "again", token, &error));
     EXPECT_EQ(error.code, 422);

@@ -4,6 +4,7 @@
 #include "transport/utilities/utilities.h"
 
 #include <boost/json/array.hpp>
+#include <boost/json/parse.hpp>
 
 #include <algorithm>
 #include <cctype>
@@ -356,7 +357,7 @@ private:
 // Runs one document: walks the selections over the model, collecting errors on the way.
 class Runner {
 public:
-    explicit Runner(const Lookup& lookup) : lookup_(lookup) {}
+    Runner(const Lookup& lookup, const Dialect& dialect) : lookup_(lookup), dialect_(dialect) {}
 
     boost::json::object run(const Document& document, const boost::json::object& root) {
         boost::json::value data = select(root, document.selections);
@@ -371,12 +372,6 @@ public:
     }
 
 private:
-    static std::string typeOf(const boost::json::object& model) {
-        const boost::json::value* type = model.if_contains("__typename");
-        return type != nullptr && type->is_string() ? std::string(type->get_string())
-                                                    : std::string("Object");
-    }
-
     void addError(const Field& field, std::string message, boost::json::object extra) {
         boost::json::object error = std::move(extra);
         boost::json::array path;
@@ -450,6 +445,15 @@ private:
     // The value as the field's selections ask for it.
     boost::json::value shape(const boost::json::value& value, const Field& field) {
         if (field.selections.empty()) {
+            // A list of scalars (GitLab's mutation "errors") is a leaf; objects and lists of
+            // objects need selections.
+            const boost::json::array* list = value.if_array();
+            if (list != nullptr &&
+                std::none_of(list->begin(), list->end(), [](const boost::json::value& element) {
+                    return element.is_object() || element.is_array();
+                })) {
+                return value;
+            }
             if (value.is_object() || value.is_array()) {
                 addInvalid(field, "Field must have selections (field '" + field.name + "')",
                            "selectionMismatch");
@@ -484,6 +488,12 @@ private:
             }
             first = given->get_int64();
         }
+        if (!first && dialect_.defaultPage > 0) {
+            first = dialect_.defaultPage;
+        }
+        if (first && *first > kMaximumPage && !dialect_.refusesLargePages) {
+            first = kMaximumPage;
+        }
         if (first && *first > kMaximumPage) {
             addError(field,
                      "Requesting " + std::to_string(*first) + " records on the `" + field.name +
@@ -493,7 +503,8 @@ private:
         }
         std::size_t start = 0;
         if (const boost::json::value* after = field.arguments.if_contains("after");
-            after != nullptr && !after->is_null()) {
+            after != nullptr && !after->is_null() &&
+            !(dialect_.emptyCursorStarts && after->is_string() && after->get_string().empty())) {
             const auto index =
                 after->is_string() ? indexOfCursor(after->get_string()) : std::nullopt;
             if (!index) {
@@ -507,7 +518,7 @@ private:
             first ? std::min(size, start + static_cast<std::size_t>(*first)) : size;
         boost::json::object model{
             {"__typename", "Connection"},
-            {"totalCount", size},
+            {dialect_.countField, size},
             {"pageInfo",
              {{"__typename", "PageInfo"},
               {"startCursor", end > start ? boost::json::value(cursorAt(start)) : nullptr},
@@ -516,7 +527,7 @@ private:
               {"hasPreviousPage", start > 0}}}};
         boost::json::object out;
         for (const Field& selection : field.selections) {
-            if (selection.name != "nodes") {
+            if (selection.name != "nodes" && selection.name != "edges") {
                 addSelection(out, model, selection);
                 continue;
             }
@@ -525,22 +536,31 @@ private:
                          "You must provide a `first` or `last` value to properly paginate the `" +
                              field.name + "` connection.",
                          boost::json::object{{"type", "MISSING_PAGINATION_BOUNDARIES"}});
-                out["nodes"] = nullptr;
+                out[selection.name] = nullptr;
                 continue;
             }
-            path_.push_back("nodes");
+            path_.push_back(selection.name);
             boost::json::array nodes;
             nodes.reserve(end - start);
             for (std::size_t index = start; index < end; ++index) {
-                nodes.push_back(shape(list.element(index), selection));
+                if (selection.name == "nodes") {
+                    nodes.push_back(shape(list.element(index), selection));
+                } else {
+                    const boost::json::value edge =
+                        boost::json::object{{"__typename", "Edge"},
+                                            {"node", list.element(index)},
+                                            {"cursor", cursorAt(index)}};
+                    nodes.push_back(shape(edge, selection));
+                }
             }
-            out["nodes"] = std::move(nodes);
+            out[selection.name] = std::move(nodes);
             path_.pop_back();
         }
         return out;
     }
 
     const Lookup& lookup_;
+    const Dialect& dialect_;
     std::vector<std::string> path_;
     boost::json::array errors_;
     bool invalid_ = false;
@@ -555,8 +575,38 @@ std::optional<Document> parse(std::string_view text, std::string* problem) {
 }
 
 boost::json::object execute(const Document& document, const boost::json::object& root,
-                            const Lookup& lookup) {
-    return Runner(lookup).run(document, root);
+                            const Lookup& lookup, const Dialect& dialect) {
+    return Runner(lookup, dialect).run(document, root);
+}
+
+std::optional<boost::json::object> answerRequest(std::string_view body, const Lookup& lookup,
+                                                 const Dialect& dialect) {
+    boost::system::error_code fault;
+    const boost::json::value content = boost::json::parse(body, fault);
+    const boost::json::value* query =
+        content.is_object() ? content.get_object().if_contains("query") : nullptr;
+    if (fault || query == nullptr || !query->is_string()) {
+        return std::nullopt;
+    }
+    std::string problem;
+    const auto document = parse(query->get_string(), &problem);
+    if (!document) {
+        return errorAnswer(problem);
+    }
+    const boost::json::object root{{"__typename", document->mutation ? "Mutation" : "Query"}};
+    return execute(*document, root, lookup, dialect);
+}
+
+std::string typeOf(const boost::json::object& model) {
+    const boost::json::value* type = model.if_contains("__typename");
+    return type != nullptr && type->is_string() ? std::string(type->get_string())
+                                                : std::string("Object");
+}
+
+const boost::json::object& inputOf(const Field& field) {
+    static const boost::json::object kNoInput;
+    const boost::json::value* given = field.arguments.if_contains("input");
+    return given != nullptr && given->is_object() ? given->get_object() : kNoInput;
 }
 
 boost::json::object errorAnswer(std::string_view message) {

@@ -1,6 +1,7 @@
 #include "samplehosts/sample_github.h"
 
 #include "samplehosts/graphql.h"
+#include "samplehosts/sample_data.h"
 #include "samplehosts/text.h"
 #include "transport/utilities/utilities.h"
 
@@ -156,100 +157,6 @@ std::string nodeId(std::string_view prefix, std::uint64_t seed) {
     return text;
 }
 
-std::uint64_t seedOf(std::string_view text) {
-    std::uint64_t hash = 1469598103934665603ULL;  // FNV-1a
-    for (char c : text) {
-        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
-    }
-    return hash;
-}
-
-std::string hexDigits(std::uint64_t seed, std::size_t length) {
-    std::string text;
-    while (text.size() < length) {
-        char chunk[17];
-        std::snprintf(chunk, sizeof chunk, "%016llx",
-                      static_cast<unsigned long long>(mixed(seed + text.size())));
-        text += chunk;
-    }
-    text.resize(length);
-    return text;
-}
-
-// A branch name out of a title: its first four words, lower-case, joined by dashes.
-std::string branchOf(std::string_view title) {
-    std::string branch;
-    int words = 0;
-    bool inWord = false;
-    for (char c : title) {
-        const bool letter = std::isalnum(static_cast<unsigned char>(c)) != 0;
-        if (letter && !inWord) {
-            if (++words > 4) {
-                break;
-            }
-            if (!branch.empty()) {
-                branch += '-';
-            }
-        }
-        inWord = letter;
-        if (letter) {
-            branch += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        }
-    }
-    return branch;
-}
-
-// An ed25519 public key text made of bytes of the seed: well formed, so it has a fingerprint,
-// though nobody holds its private half.
-std::string madeUpKey(std::uint64_t seed, std::string_view comment) {
-    std::string blob;
-    auto appendString = [&blob](std::string_view text) {
-        for (int shift = 24; shift >= 0; shift -= 8) {
-            blob += static_cast<char>((text.size() >> shift) & 0xff);
-        }
-        blob += text;
-    };
-    std::string point;
-    for (int part = 0; part < 4; ++part) {
-        const std::uint64_t bits = mixed(seed * 4 + static_cast<std::uint64_t>(part));
-        for (int index = 0; index < 8; ++index) {
-            point += static_cast<char>(bits >> (8 * index));
-        }
-    }
-    appendString("ssh-ed25519");
-    appendString(point);
-    return "ssh-ed25519 " + vt::base64String(blob) + " " + std::string(comment);
-}
-
-// Whether a public key text is "type base64 [comment]" whose body names the same type.
-bool isPublicKey(std::string_view text) {
-    const std::size_t space = text.find(' ');
-    if (space == std::string_view::npos) {
-        return false;
-    }
-    const std::string_view type = text.substr(0, space);
-    std::string_view body = text.substr(space + 1);
-    body = body.substr(0, body.find(' '));
-    const std::optional<VTData> blob = vt::dataWithBase64(body);
-    if (!blob || blob->size() < 4 + type.size()) {
-        return false;
-    }
-    const std::size_t length = (static_cast<unsigned char>((*blob)[0]) << 24) |
-                               (static_cast<unsigned char>((*blob)[1]) << 16) |
-                               (static_cast<unsigned char>((*blob)[2]) << 8) |
-                               static_cast<unsigned char>((*blob)[3]);
-    return length == type.size() &&
-           std::string_view(reinterpret_cast<const char*>(blob->data()) + 4, length) == type;
-}
-
-std::optional<std::string> stringArgument(const json::object& arguments, std::string_view name) {
-    const json::value* value = arguments.if_contains(name);
-    if (value == nullptr || !value->is_string()) {
-        return std::nullopt;
-    }
-    return std::string(value->get_string());
-}
-
 // Where the request was sent: the web and API addresses the answers name.
 struct Site {
     std::string web;      // "http://github.test"
@@ -330,13 +237,6 @@ struct Repository {
     std::string fullName() const { return owner + "/" + name; }
 };
 
-struct SshKey {
-    std::int64_t id = 0;
-    std::string title;
-    std::string key;
-    std::string createdAt;
-};
-
 }  // namespace
 
 struct SampleGitHub::State {
@@ -380,12 +280,18 @@ private:
     std::mutex mutex_;
     std::vector<Account> accounts_;
     std::vector<Repository> repositories_;
-    std::vector<SshKey> keys_;
-    std::int64_t nextKeyId_ = 0;
+    KeyRing keys_;
     std::uint64_t nextSerial_ = 1;  // for the ids of what mutations make
 };
 
-SampleGitHub::State::State(const GitHubScale& scale) : scale_(scale) {
+SampleGitHub::State::State(const GitHubScale& scale)
+    : scale_(scale),
+      keys_(scale.sshKeys, KeyRing::Seed{.realKeys = kRealKeys,
+                                         .madeUpTitle = "build agent ",
+                                         .madeUpComment = "agent@ci",
+                                         .firstId = 84120000,
+                                         .newest = kNow - 97 * kDay,
+                                         .daysApart = 97}) {
     for (const AccountSeed& seed : kAccounts) {
         accounts_.push_back(
             Account{std::string(seed.login), std::string(seed.name),
@@ -452,24 +358,6 @@ SampleGitHub::State::State(const GitHubScale& scale) : scale_(scale) {
         }
         kiln.pullRequests.push_back(std::move(pullRequest));
     }
-
-    for (int index = 0; index < std::max(0, scale.sshKeys); ++index) {
-        SshKey key;
-        key.id = 84120000 + index;
-        const auto real = static_cast<std::size_t>(index);
-        if (real < std::size(kRealKeys)) {
-            key.title = kRealKeys[real].first;
-            key.key = kRealKeys[real].second;
-        } else {
-            char title[32];
-            std::snprintf(title, sizeof title, "build agent %02d", index - 2);
-            key.title = title;
-            key.key = madeUpKey(static_cast<std::uint64_t>(index), "agent@ci");
-        }
-        key.createdAt = isoTime(kNow - (index + 1) * 97 * kDay - index * 3607);
-        keys_.push_back(std::move(key));
-    }
-    nextKeyId_ = 84120000 + std::max(0, scale.sshKeys);
 }
 
 const Account* SampleGitHub::State::account(std::string_view loginOrId) const {
@@ -542,35 +430,14 @@ void SampleGitHub::State::makeConversation(PullRequest& pullRequest) const {
         return;
     }
     const int seed = pullRequest.seed;
-    auto person = [](int index) { return std::string(kAccounts[index % kPeople].login); };
-    for (int index = 0; index < std::max(0, scale_.assignees); ++index) {
-        if (index < static_cast<int>(kPeople)) {
-            pullRequest.assignees.push_back(person(seed + index));
-        } else {
-            char login[32];
-            std::snprintf(login, sizeof login, "contributor-%03d", index - 4);
-            pullRequest.assignees.emplace_back(login);
-        }
+    std::vector<std::string_view> logins;
+    for (std::size_t index = 0; index < kPeople; ++index) {
+        logins.push_back(kAccounts[index].login);
     }
-    for (int index = 0; index < std::max(0, scale_.labels); ++index) {
-        const std::size_t pool = std::size(kLabels);
-        if (static_cast<std::size_t>(index) < pool) {
-            const auto& [name, color] = kLabels[static_cast<std::size_t>(seed + index) % pool];
-            pullRequest.labels.emplace_back(name, color);
-        } else {
-            char name[32];
-            std::snprintf(name, sizeof name, "area: tiles-%02d", index - static_cast<int>(pool));
-            pullRequest.labels.emplace_back(name, hexDigits(static_cast<std::uint64_t>(index), 6));
-        }
-    }
-
-    // The author, the viewer and two reviewers.
-    std::vector<std::string> people{pullRequest.author, std::string(kViewer)};
-    for (int index = seed + 2; people.size() < 4; ++index) {
-        if (std::find(people.begin(), people.end(), person(index)) == people.end()) {
-            people.push_back(person(index));
-        }
-    }
+    pullRequest.assignees = assigneesOf(scale_.assignees, logins, seed);
+    pullRequest.labels = labelsOf(scale_.labels, kLabels, seed, "area: tiles-", "");
+    const std::vector<std::string> people =
+        participantsOf(pullRequest.author, kViewer, logins, seed);
     const int comments = std::max(0, scale_.comments);
     const int commits = std::max(0, scale_.commits);
     const int items = comments + commits;
@@ -589,7 +456,7 @@ void SampleGitHub::State::makeConversation(PullRequest& pullRequest) const {
     for (int item = 0; item < items; ++item) {
         const std::time_t moment = opened + (item + 1) * step;
         // Comments fall evenly among the commits.
-        if (comments > 0 && (item + 1) * comments / items > item * comments / items) {
+        if (isCommentAt(item, comments, items)) {
             pullRequest.comments.push_back(Comment{
                 nodeId("IC_kwDO", static_cast<std::uint64_t>(pullRequest.number) * 100000 +
                                       static_cast<std::uint64_t>(comment)),
@@ -604,8 +471,7 @@ void SampleGitHub::State::makeConversation(PullRequest& pullRequest) const {
         made.oid = hexDigits(static_cast<std::uint64_t>(pullRequest.number) * 100003 +
                                  static_cast<std::uint64_t>(commit),
                              40);
-        const int run = (commit / 3) % 4;
-        made.author = run == 1 ? people[3] : run == 3 ? people[2] : people[0];
+        made.author = commitAuthorOf(commit, people);
         made.committer = made.author;
         made.committedDate = isoTime(moment);
         made.authoredDate = isoTime(moment - (commit % 5) * 3600);
@@ -792,7 +658,7 @@ json::object SampleGitHub::State::keyModel(const Site& site, const SshKey& key) 
                         {"url", site.api + "/user/keys/" + std::to_string(key.id)},
                         {"title", key.title},
                         {"verified", true},
-                        {"created_at", key.createdAt},
+                        {"created_at", isoTime(key.created)},
                         {"read_only", false}};
 }
 
@@ -802,10 +668,7 @@ std::optional<graphql::Built> SampleGitHub::State::lookup(const Site& site,
                                                           const json::object& parent,
                                                           const Field& field,
                                                           std::optional<Failure>& failure) {
-    const json::value* typeName = parent.if_contains("__typename");
-    const std::string type = typeName != nullptr && typeName->is_string()
-                                 ? std::string(typeName->get_string())
-                                 : std::string();
+    const std::string type = graphql::typeOf(parent);
     const json::object& arguments = field.arguments;
     // repository(name:) of an owner: the repository, or null with GitHub's NOT_FOUND error.
     auto repositoryOrFailure = [&](const std::string& owner) {
@@ -887,10 +750,7 @@ std::optional<graphql::Built> SampleGitHub::State::lookup(const Site& site,
 // The mutations the client sends. Each keeps its change, so that the next query shows it.
 std::optional<graphql::Built> SampleGitHub::State::mutate(const Site& site, const Field& field,
                                                           std::optional<Failure>& failure) {
-    static const json::object kNoInput;
-    const json::value* given = field.arguments.if_contains("input");
-    const json::object& input =
-        given != nullptr && given->is_object() ? given->get_object() : kNoInput;
+    const json::object& input = graphql::inputOf(field);
     auto text = [&input](std::string_view name) {
         return stringArgument(input, name).value_or("");
     };
@@ -1030,74 +890,30 @@ std::optional<graphql::Built> SampleGitHub::State::mutate(const Site& site, cons
 }
 
 fake::Response SampleGitHub::State::graphQl(const fake::Request& request, const Site& site) {
-    boost::system::error_code fault;
-    const json::value content = json::parse(request.body, fault);
-    const json::value* query =
-        content.is_object() ? content.get_object().if_contains("query") : nullptr;
-    if (fault || query == nullptr || !query->is_string()) {
-        return fake::Response::json(R"({"message":"Problems parsing JSON"})", 400);
-    }
-    std::string problem;
-    auto document = graphql::parse(query->get_string(), &problem);
-    if (!document) {
-        return fake::Response::json(json::serialize(graphql::errorAnswer(problem)));
-    }
-    const json::object root{{"__typename", document->mutation ? "Mutation" : "Query"}};
-    return fake::Response::json(json::serialize(
-        graphql::execute(*document, root,
-                         [this, &site](const json::object& parent, const Field& field,
-                                       std::optional<Failure>& failure) {
-                             return lookup(site, parent, field, failure);
-                         })));
+    const auto answer = graphql::answerRequest(
+        request.body, [this, &site](const json::object& parent, const Field& field,
+                                    std::optional<Failure>& failure) {
+            return lookup(site, parent, field, failure);
+        });
+    return answer ? fake::Response::json(json::serialize(*answer))
+                  : fake::Response::json(R"({"message":"Problems parsing JSON"})", 400);
 }
 
 // ---- SSH keys over REST
 
 fake::Response SampleGitHub::State::sshKeys(const fake::Request&, const Site& site,
                                             boost::urls::url_view target) {
-    std::size_t perPage = 30;
-    std::size_t page = 1;
-    for (const auto& parameter : target.params()) {
-        std::size_t number = 0;
-        auto [end, fault] = std::from_chars(
-            parameter.value.data(), parameter.value.data() + parameter.value.size(), number);
-        if (fault != std::errc() || end != parameter.value.data() + parameter.value.size()) {
-            continue;  // GitHub ignores what it cannot read
-        }
-        if (parameter.key == "per_page" && number > 0) {
-            perPage = std::min<std::size_t>(number, 100);
-        } else if (parameter.key == "page" && number > 0) {
-            page = number;
-        }
-    }
+    const PageRequest page = PageRequest::of(target, 30, 100);
     json::array listed;
-    const std::size_t first = (page - 1) * perPage;
-    for (std::size_t index = first; index < keys_.size() && index < first + perPage; ++index) {
-        listed.push_back(keyModel(site, keys_[index]));
+    const std::vector<SshKey>& keys = keys_.keys();
+    for (std::size_t index = page.first();
+         index < keys.size() && index < page.first() + page.perPage; ++index) {
+        listed.push_back(keyModel(site, keys[index]));
     }
     fake::Response response = fake::Response::json(json::serialize(listed));
-    const std::size_t last = std::max<std::size_t>(1, (keys_.size() + perPage - 1) / perPage);
-    auto link = [&](std::size_t number, std::string_view relation) {
-        return "<" + site.api + "/user/keys?per_page=" + std::to_string(perPage) +
-               "&page=" + std::to_string(number) + ">; rel=\"" + std::string(relation) + "\"";
-    };
-    std::vector<std::string> links;
-    if (page > 1) {
-        links.push_back(link(page - 1, "prev"));
-    }
-    if (page < last) {
-        links.push_back(link(page + 1, "next"));
-        links.push_back(link(last, "last"));
-    }
-    if (page > 1) {
-        links.push_back(link(1, "first"));
-    }
-    if (!links.empty()) {
-        std::string header = links.front();
-        for (std::size_t index = 1; index < links.size(); ++index) {
-            header += ", " + links[index];
-        }
-        response.headers.emplace_back("Link", std::move(header));
+    if (std::string links = linkHeader(site.api, target, page, keys.size(), LinkStyle::github);
+        !links.empty()) {
+        response.headers.emplace_back("Link", std::move(links));
     }
     return response;
 }
@@ -1117,36 +933,22 @@ fake::Response SampleGitHub::State::addSshKey(const fake::Request& request, cons
                                                                 {"message", why}}}}};
         return fake::Response::json(json::serialize(answer), 422);
     };
-    if (!isPublicKey(key)) {
-        return refuse("key is invalid. You must supply a key in OpenSSH public key format");
-    }
-    // The same key body counts as the same key, whatever its comment.
-    auto body = [](std::string_view text) {
-        text.remove_prefix(text.find(' ') + 1);
-        return text.substr(0, text.find(' '));
-    };
-    for (const SshKey& existing : keys_) {
-        if (body(existing.key) == body(key)) {
+    switch (keys_.add(stringArgument(content.get_object(), "title").value_or(""), key)) {
+        case KeyRing::Outcome::invalid:
+            return refuse("key is invalid. You must supply a key in OpenSSH public key format");
+        case KeyRing::Outcome::taken:
             return refuse("key is already in use");
-        }
+        case KeyRing::Outcome::added:
+            break;
     }
-    SshKey made;
-    made.id = nextKeyId_++;
-    made.key = key;
-    made.title = stringArgument(content.get_object(), "title").value_or("");
-    made.createdAt = isoTime(std::time(nullptr));
-    keys_.push_back(std::move(made));
-    return fake::Response::json(json::serialize(keyModel(site, keys_.back())), 201);
+    return fake::Response::json(json::serialize(keyModel(site, keys_.keys().back())), 201);
 }
 
 fake::Response SampleGitHub::State::deleteSshKey(std::string_view id) {
-    for (auto key = keys_.begin(); key != keys_.end(); ++key) {
-        if (std::to_string(key->id) == id) {
-            keys_.erase(key);
-            fake::Response gone;
-            gone.status = 204;
-            return gone;
-        }
+    if (keys_.remove(id)) {
+        fake::Response gone;
+        gone.status = 204;
+        return gone;
     }
     return fake::Response::json(
         R"({"message":"Not Found","documentation_url":"https://docs.github.com/rest"})", 404);

@@ -90,9 +90,11 @@ const std::vector<CommandSpec>& commands() {
          Target::Host,
          "",
          "sign in and get a token",
-         "Signs in with a user name and password, or with a personal token (no --user). Without "
-         "a password the interactive sign-in starts. The new token is not printed: give "
-         "--save-token FILE to keep it.",
+         "Signs in with a user name and password, or with a personal token (no --user). Where "
+         "the host no longer accepts passwords (Bitbucket), a Basic sign-in takes the account's "
+         "e-mail address as --user and an API token as the password. Without a password the "
+         "interactive sign-in starts. The new token is not printed: give --save-token FILE to "
+         "keep it.",
          {"host", "url", "user", "password-file", "save-token"},
          {}},
         {"repositories",
