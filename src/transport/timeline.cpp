@@ -72,4 +72,16 @@ void Timeline::appendTo(VTConversation& conversation) const {
     }
 }
 
+VTPullRequestComment descriptionComment(const VTPullRequest& pullRequest,
+                                        std::optional<std::string> content) {
+    VTPullRequestComment description;
+    description.identifier = pullRequest.identifier;
+    description.author = pullRequest.author;
+    description.avatarUrl = pullRequest.avatarUrl;
+    description.date = pullRequest.date;
+    description.editable = pullRequest.editable;
+    description.content = std::move(content);
+    return description;
+}
+
 }  // namespace vt
