@@ -36,18 +36,9 @@ struct World {
 std::unique_ptr<World> world;
 
 void ListPullRequests(benchmark::State& state) {
-    const std::string url(vt::sample::kSampleBitbucketRepository);
-    world->endToEnd.run(
-        state, "ListPullRequests", "GetPullRequestsWithUrl",
-        [&url](sdbus::MethodCall& call) {
-            call << url << kBitbucket;
-            vt::wire::appendDictionary(call, world->token);
-        },
-        [](const boost::json::object& reply) {
-            if (reply.at("pullRequests").as_array().size() != 200) {
-                throw std::runtime_error("the list does not hold 200 pull requests");
-            }
-        });
+    world->endToEnd.listPullRequests(state, "ListPullRequests",
+                                     std::string(vt::sample::kSampleBitbucketRepository),
+                                     kBitbucket, world->token, 200, "pull requests");
 }
 BENCHMARK(ListPullRequests)->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
 
@@ -61,13 +52,8 @@ void LoadConversation(benchmark::State& state) {
     pullRequest.author = "priya-nair";
     pullRequest.date = "2024-09-11T03:15:00+0000";
     const boost::json::object record = pullRequest.toValue();
-    world->endToEnd.run(
-        state, "LoadConversation", "GetCommentsForPullRequest",
-        [&record](sdbus::MethodCall& call) {
-            vt::wire::appendDictionary(call, record);
-            vt::wire::appendDictionary(call, world->token);
-        },
-        [](const boost::json::object& reply) {
+    world->endToEnd.loadConversation(
+        state, "LoadConversation", record, world->token, [](const boost::json::object& reply) {
             const auto& items = reply.at("conversation").as_array();
             // The pull request, its description, then 60 top-level comments (108 with their
             // answers) among the commit groups, and the final yes.

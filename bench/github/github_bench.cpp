@@ -20,6 +20,8 @@
 
 namespace {
 
+constexpr std::int64_t kGitHub = 1;
+
 struct World {
     vt::sample::SampleGitHub github{{.pullRequests = 1000,
                                      .assignees = 120,
@@ -35,36 +37,22 @@ struct World {
 std::unique_ptr<World> world;
 
 void ListPullRequests(benchmark::State& state) {
-    const std::string url(vt::sample::kSampleGitHubRepository);
-    world->endToEnd.run(
-        state, "ListPullRequests", "GetPullRequestsWithUrl",
-        [&url](sdbus::MethodCall& call) {
-            call << url << std::int64_t{1};
-            vt::wire::appendDictionary(call, world->token);
-        },
-        [](const boost::json::object& reply) {
-            if (reply.at("pullRequests").as_array().size() != 1000) {
-                throw std::runtime_error("the list does not hold 1,000 pull requests");
-            }
-        });
+    world->endToEnd.listPullRequests(state, "ListPullRequests",
+                                     std::string(vt::sample::kSampleGitHubRepository), kGitHub,
+                                     world->token, 1000, "pull requests");
 }
 BENCHMARK(ListPullRequests)->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
 
 void LoadConversation(benchmark::State& state) {
     VTPullRequest pullRequest;
     pullRequest.remoteUrl = std::string(vt::sample::kSampleGitHubRepository);
-    pullRequest.hostType = 1;
+    pullRequest.hostType = kGitHub;
     pullRequest.number = world->github.newestPullRequest();
     pullRequest.author = "aiko-tanaka";
     pullRequest.date = "2024-06-19T04:30:00Z";
     const boost::json::object record = pullRequest.toValue();
-    world->endToEnd.run(
-        state, "LoadConversation", "GetCommentsForPullRequest",
-        [&record](sdbus::MethodCall& call) {
-            vt::wire::appendDictionary(call, record);
-            vt::wire::appendDictionary(call, world->token);
-        },
-        [](const boost::json::object& reply) {
+    world->endToEnd.loadConversation(
+        state, "LoadConversation", record, world->token, [](const boost::json::object& reply) {
             const auto& items = reply.at("conversation").as_array();
             if (items.size() < 60 || items.front().at("assignees").as_array().size() != 120) {
                 throw std::runtime_error("the conversation is not the whole pull request");

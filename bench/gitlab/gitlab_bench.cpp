@@ -41,18 +41,9 @@ struct World {
 std::unique_ptr<World> world;
 
 void ListMergeRequests(benchmark::State& state) {
-    const std::string url(vt::sample::kSampleGitLabProject);
-    world->endToEnd.run(
-        state, "ListMergeRequests", "GetPullRequestsWithUrl",
-        [&url](sdbus::MethodCall& call) {
-            call << url << kGitLab;
-            vt::wire::appendDictionary(call, world->token);
-        },
-        [](const boost::json::object& reply) {
-            if (reply.at("pullRequests").as_array().size() != 300) {
-                throw std::runtime_error("the list does not hold 300 merge requests");
-            }
-        });
+    world->endToEnd.listPullRequests(state, "ListMergeRequests",
+                                     std::string(vt::sample::kSampleGitLabProject), kGitLab,
+                                     world->token, 300, "merge requests");
 }
 BENCHMARK(ListMergeRequests)->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
 
@@ -64,13 +55,8 @@ void LoadConversation(benchmark::State& state) {
     mergeRequest.author = "yusuf-demir";
     mergeRequest.date = "2024-09-11T07:10:00Z";
     const boost::json::object record = mergeRequest.toValue();
-    world->endToEnd.run(
-        state, "LoadConversation", "GetCommentsForPullRequest",
-        [&record](sdbus::MethodCall& call) {
-            vt::wire::appendDictionary(call, record);
-            vt::wire::appendDictionary(call, world->token);
-        },
-        [](const boost::json::object& reply) {
+    world->endToEnd.loadConversation(
+        state, "LoadConversation", record, world->token, [](const boost::json::object& reply) {
             const auto& items = reply.at("conversation").as_array();
             std::size_t notes = 0;
             for (const auto& item : items) {

@@ -181,6 +181,35 @@ void EndToEnd::run(benchmark::State& state, const char* name, const char* member
     summary_.push_back(line.str());
 }
 
+void EndToEnd::listPullRequests(benchmark::State& state, const char* name, const std::string& url,
+                                std::int64_t hostType, const VTToken& token,
+                                std::size_t expectedCount, const char* noun) {
+    run(
+        state, name, "GetPullRequestsWithUrl",
+        [&](sdbus::MethodCall& call) {
+            call << url << hostType;
+            vt::wire::appendDictionary(call, token);
+        },
+        [&](const boost::json::object& reply) {
+            if (reply.at("pullRequests").as_array().size() != expectedCount) {
+                throw std::runtime_error("the list does not hold " + std::to_string(expectedCount) +
+                                         " " + noun);
+            }
+        });
+}
+
+void EndToEnd::loadConversation(benchmark::State& state, const char* name,
+                                const boost::json::object& record, const VTToken& token,
+                                const Check& check) {
+    run(
+        state, name, "GetCommentsForPullRequest",
+        [&](sdbus::MethodCall& call) {
+            vt::wire::appendDictionary(call, record);
+            vt::wire::appendDictionary(call, token);
+        },
+        check);
+}
+
 int runEndToEnd(int argc, char** argv, const std::function<EndToEnd&()>& start,
                 const std::function<void()>& stop) {
     benchmark::Initialize(&argc, argv);

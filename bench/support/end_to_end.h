@@ -16,6 +16,7 @@
 
 #include "fakehost/fake_host.h"
 #include "private_bus.h"
+#include "records/values.h"
 
 #include <benchmark/benchmark.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -23,6 +24,8 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -50,6 +53,15 @@ public:
     // keeps a summary line with the targets (<= 3 ms and <= 2 % over the floor).
     void run(benchmark::State& state, const char* name, const char* member, const Fill& fill,
              const Check& check);
+    // Runs GetPullRequestsWithUrl for the open requests of `url` on the host of `hostType` and
+    // checks that the list holds `expectedCount` of them (`noun` names them in the error).
+    void listPullRequests(benchmark::State& state, const char* name, const std::string& url,
+                          std::int64_t hostType, const VTToken& token, std::size_t expectedCount,
+                          const char* noun);
+    // Runs GetCommentsForPullRequest for the pull request `record`; `check` reads the reply.
+    void loadConversation(benchmark::State& state, const char* name,
+                          const boost::json::object& record, const VTToken& token,
+                          const Check& check);
     // One line per benchmark that ran.
     const std::vector<std::string>& summary() const { return summary_; }
 
