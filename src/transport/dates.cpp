@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 
 namespace vt {
 namespace {
@@ -31,6 +32,37 @@ std::string nonEmptyEnvironment(const char* name) {
     return value != nullptr ? std::string(value) : std::string();
 }
 
+// The environment the rendering depends on, as it stands (LC_ALL, LC_TIME, LANG and TZ, each
+// with whether it is set). Comparing these raw values is cheap; deriving the ICU locale name from
+// them is not, so it is done only when they change.
+struct UserEnvironment {
+    std::array<std::optional<std::string>, 4> values;
+
+    // True when the environment still holds `values`, without copying any of it.
+    bool isCurrent() const {
+        for (std::size_t index = 0; index < kNames.size(); ++index) {
+            const char* value = std::getenv(kNames[index]);
+            if ((value != nullptr) != values[index].has_value() ||
+                (value != nullptr && *values[index] != value)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    static UserEnvironment current() {
+        UserEnvironment environment;
+        for (std::size_t index = 0; index < kNames.size(); ++index) {
+            if (const char* value = std::getenv(kNames[index])) {
+                environment.values[index] = value;
+            }
+        }
+        return environment;
+    }
+
+    static constexpr std::array<const char*, 4> kNames{"LC_ALL", "LC_TIME", "LANG", "TZ"};
+};
+
 // The user's settings that the rendering depends on; formatters are rebuilt when they change.
 struct UserSettings {
     std::string locale;
@@ -43,6 +75,7 @@ struct UserSettings {
 
 // Per-thread ICU objects for the user's locale and zone.
 struct UserFormatters {
+    UserEnvironment environment;
     UserSettings settings;
     std::unique_ptr<icu::DateFormat> display;
     std::unique_ptr<icu::Calendar> calendar;
@@ -51,6 +84,10 @@ struct UserFormatters {
 UserFormatters& userFormatters() {
     thread_local UserFormatters formatters;
     thread_local bool made = false;
+    if (made && formatters.environment.isCurrent()) {
+        return formatters;
+    }
+    formatters.environment = UserEnvironment::current();
     UserSettings settings = UserSettings::current();
     if (made && formatters.settings == settings) {
         return formatters;
