@@ -14,6 +14,9 @@
 
 #include <map>
 #include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 
 using namespace vt;
@@ -90,6 +93,15 @@ std::optional<VTConversation> VTGitLabHost::commentsForPullRequest(VTPullRequest
         };
         return pageGraphQlFrom(*this, graphQlUrl_, *answer, followUp, locate, page, token, error);
     };
+    // Avatars repeat across assignees, notes and commits (a few people write most of them):
+    // each distinct address is made absolute and checked once per call.
+    std::map<std::string, std::optional<std::string>, std::less<>> avatarUrls;
+    auto avatarUrl = [&](std::string_view text) -> const std::optional<std::string>& {
+        if (auto known = avatarUrls.find(text); known != avatarUrls.end()) {
+            return known->second;
+        }
+        return avatarUrls.emplace(std::string(text), urlWithString(text)).first->second;
+    };
     // A page handler that calls `each` for every node of the connection.
     auto eachNode = [](const std::function<void(const boost::json::value&)>& each) {
         return [each](const boost::json::object& connection, const boost::json::value&, VTError*) {
@@ -101,10 +113,10 @@ std::optional<VTConversation> VTGitLabHost::commentsForPullRequest(VTPullRequest
             return true;
         };
     };
-    auto withAvatar = [this](boost::json::object& entry, std::string_view key,
-                             const std::optional<std::string>& address) {
+    auto withAvatar = [&avatarUrl](boost::json::object& entry, std::string_view key,
+                                   const std::optional<std::string>& address) {
         if (address) {
-            if (auto url = urlWithString(*address)) {
+            if (const auto& url = avatarUrl(*address)) {
                 entry[key] = *url;
             }
         }
@@ -145,7 +157,7 @@ std::optional<VTConversation> VTGitLabHost::commentsForPullRequest(VTPullRequest
         comment.identifier = stringAt(note, {"id"});
         comment.author = stringAt(note, {"author", "username"});
         if (auto avatar = stringAt(note, {"author", "avatarUrl"})) {
-            comment.avatarUrl = urlWithString(*avatar);
+            comment.avatarUrl = avatarUrl(*avatar);
         }
         comment.date = stringAt(note, {"createdAt"});
         comment.editable = isTrueAt(note, {"userPermissions", "adminNote"});
@@ -229,14 +241,14 @@ std::optional<VTConversation> VTGitLabHost::commentsForPullRequest(VTPullRequest
                     if (const boost::json::object* account = objectAt(node, {"author"})) {
                         author.username = stringAt(*account, {"username"});
                         if (auto avatar = stringAt(*account, {"avatarUrl"})) {
-                            author.avatar = urlWithString(*avatar);
+                            author.avatar = avatarUrl(*avatar);
                         }
                     } else {
                         // Later pages ask for the account only: a commit without one is then
                         // known by nothing here, and its own name and address are used.
                         author.username = stringAt(node, {"authorName"});
                         if (auto gravatar = stringAt(node, {"authorGravatar"})) {
-                            author.avatar = urlWithString(*gravatar);
+                            author.avatar = avatarUrl(*gravatar);
                         }
                     }
                     authors[*sha] = std::move(author);
@@ -266,7 +278,7 @@ std::optional<VTConversation> VTGitLabHost::commentsForPullRequest(VTPullRequest
             if (previousAuthor != nullptr && previousAuthor->avatar) {
                 commit.avatarUrl = previousAuthor->avatar;
             } else if (auto email = stringAt(entry, {"author_email"})) {
-                commit.avatarUrl = urlWithString("mailto:" + *email);
+                commit.avatarUrl = avatarUrl("mailto:" + *email);
             }
             commit.message = stringAt(entry, {"title"});
             const auto committed = stringAt(entry, {"committed_date"});
