@@ -93,14 +93,9 @@ std::optional<VTConversation> VTGitLabHost::commentsForPullRequest(VTPullRequest
         };
         return pageGraphQlFrom(*this, graphQlUrl_, *answer, followUp, locate, page, token, error);
     };
-    // Avatars repeat across assignees, notes and commits (a few people write most of them):
-    // each distinct address is made absolute and checked once per call.
-    std::map<std::string, std::optional<std::string>, std::less<>> avatarUrls;
+    KnownUrls avatarUrls;
     auto avatarUrl = [&](std::string_view text) -> const std::optional<std::string>& {
-        if (auto known = avatarUrls.find(text); known != avatarUrls.end()) {
-            return known->second;
-        }
-        return avatarUrls.emplace(std::string(text), urlWithString(text)).first->second;
+        return urlWithString(text, avatarUrls);
     };
     // A page handler that calls `each` for every node of the connection.
     auto eachNode = [](const std::function<void(const boost::json::value&)>& each) {

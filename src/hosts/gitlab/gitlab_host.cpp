@@ -44,6 +44,14 @@ std::optional<std::string> VTGitLabHost::urlWithString(std::string_view text) co
     return absolute;
 }
 
+const std::optional<std::string>& VTGitLabHost::urlWithString(std::string_view text,
+                                                              KnownUrls& known) const {
+    if (auto found = known.find(text); found != known.end()) {
+        return found->second;
+    }
+    return known.emplace(std::string(text), urlWithString(text)).first->second;
+}
+
 std::optional<boost::json::value> VTGitLabHost::jsonPostWithContent(
     const boost::json::object& content, VTToken& token, VTError* error) const {
     return jsonPostWithUrl(graphQlUrl_, content, token, error);

@@ -15,6 +15,8 @@
 #include <boost/json/value.hpp>
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,6 +37,11 @@ public:
     // "<scheme>://<host>/<text>" on this server (a text that starts with "/" keeps its slash, so
     // the address has two in a row). nullopt when neither parses as a URL.
     std::optional<std::string> urlWithString(std::string_view text) const;
+    // The addresses urlWithString gave during one call, by their text.
+    using KnownUrls = std::map<std::string, std::optional<std::string>, std::less<>>;
+    // urlWithString of `text`, worked out once per call: the avatars of a list or conversation
+    // come from a few people and repeat across its items.
+    const std::optional<std::string>& urlWithString(std::string_view text, KnownUrls& known) const;
 
     // ---- Token refresh
     // Renews `token` when its "created_at" + "expires_in" lies less than 20 seconds ahead (or in

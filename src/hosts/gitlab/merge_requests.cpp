@@ -20,6 +20,7 @@ std::optional<std::vector<VTPullRequest>> VTGitLabHost::pullRequestsWithUrl(cons
     }
     const std::string path = projectPath(url);
     std::vector<VTPullRequest> pullRequests;
+    KnownUrls avatarUrls;
     auto page = [&](const boost::json::object& connection, const boost::json::value&, VTError*) {
         const boost::json::array* nodes = arrayAt(connection, {"nodes"});
         if (nodes == nullptr) {
@@ -29,7 +30,7 @@ std::optional<std::vector<VTPullRequest>> VTGitLabHost::pullRequestsWithUrl(cons
             VTPullRequest pullRequest;
             pullRequest.author = stringAt(node, {"author", "username"});
             if (auto avatar = stringAt(node, {"author", "avatarUrl"})) {
-                pullRequest.avatarUrl = urlWithString(*avatar);
+                pullRequest.avatarUrl = urlWithString(*avatar, avatarUrls);
             }
             pullRequest.title = stringAt(node, {"title"});
             pullRequest.number = integerValue(memberAt(node, {"iid"}));
